@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# Murmora's one entry point: deps, build, test.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(
+  build-essential cmake ninja-build pkg-config
+  qt6-base-dev qt6-base-dev-tools qt6-httpserver-dev qt6-websockets-dev
+  qt6-sensors-dev qt6-tools-dev qt6-l10n-tools
+  libplist-dev libplist-utils libisal-dev libdeflate-dev libicu-dev libbenchmark-dev
+  openssl ca-certificates xvfb xauth fonts-dejavu-core fonts-liberation
+)
+
+preset=${PRESET:-dev}
+
+deps() {
+  local missing=()
+  for p in "${PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing: ${missing[*]}"
+  local sudo=()
+  [ "$(id -u)" -ne 0 ] && sudo=(sudo)
+  export DEBIAN_FRONTEND=noninteractive
+  "${sudo[@]}" apt-get update -q
+  "${sudo[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+}
+
+configure() {
+  if [ ! -f "build/$preset/build.ninja" ]; then
+    cmake --preset "$preset"
+  fi
+}
+
+build() {
+  configure
+  cmake --build --preset "$preset"
+}
+
+run_tests() {
+  export QT_QPA_PLATFORM=offscreen
+  ctest --preset "$preset" "$@"
+}
+
+usage() {
+  cat <<USAGE
+usage: ./dev.sh COMMAND
+  deps     install the Debian packages Murmora needs (apt-get, when missing)
+  build    configure and build (PRESET=dev|asan|tsan|release, default dev)
+  test     deps, build, then run every test headless
+USAGE
+}
+
+cmd=${1:-}
+[ $# -gt 0 ] && shift
+case "$cmd" in
+  deps) deps ;;
+  build) deps; build ;;
+  test) deps; build; run_tests "$@" ;;
+  *) usage; exit 2 ;;
+esac

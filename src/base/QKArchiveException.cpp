@@ -1,0 +1,5 @@
+#include "QKArchiveException.h"
+
+QKArchiveException::QKArchiveException(const QString &reason)
+    : QKException(QStringLiteral("NSInvalidUnarchiveOperationException"), reason)
+{}

@@ -1,0 +1,106 @@
+#include "QKAtomicFile.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#ifdef Q_OS_WIN
+#include <QSaveFile>
+#else
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+namespace {
+
+bool fail(QString *errorString, const QString &message)
+{
+    if (errorString)
+        *errorString = message;
+    return false;
+}
+
+#ifndef Q_OS_WIN
+QString systemError(const QString &what, const QString &path)
+{
+    return QStringLiteral("%1 %2: %3").arg(what, path, QString::fromLocal8Bit(std::strerror(errno)));
+}
+
+bool writeAll(int fd, const char *data, qint64 size)
+{
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size_t(qMin<qint64>(size, 1 << 30)));
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += written;
+        size -= written;
+    }
+    return true;
+}
+
+int closeKeepingErrno(int fd)
+{
+    const int saved = errno;
+    const int result = ::close(fd);
+    errno = saved;
+    return result;
+}
+#endif
+
+} // namespace
+
+bool QKAtomicFile::write(const QString &path, const QByteArray &data, QString *errorString)
+{
+    const QFileInfo target(path);
+    const QString directory = target.absolutePath();
+    if (!QDir().mkpath(directory))
+        return fail(errorString, QStringLiteral("cannot create directory %1").arg(directory));
+
+#ifdef Q_OS_WIN
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size() || !file.commit())
+        return fail(errorString, file.errorString());
+    return true;
+#else
+    const QByteArray finalPath = QFile::encodeName(target.absoluteFilePath());
+    QByteArray tempPath = QFile::encodeName(directory + QLatin1Char('/') + QLatin1Char('.') + target.fileName() +
+                                            QStringLiteral(".XXXXXX"));
+    const int fd = ::mkostemp(tempPath.data(), O_CLOEXEC);
+    if (fd < 0)
+        return fail(errorString, systemError(QStringLiteral("cannot create a temporary file in"), directory));
+    const QString tempName = QFile::decodeName(tempPath);
+
+    if (!writeAll(fd, data.constData(), data.size()) || ::fsync(fd) != 0) {
+        const QString message = systemError(QStringLiteral("cannot write"), tempName);
+        closeKeepingErrno(fd);
+        ::unlink(tempPath.constData());
+        return fail(errorString, message);
+    }
+    // mkostemp creates 0600, which suits private data; a replaced file keeps its mode.
+    struct stat old;
+    if (::stat(finalPath.constData(), &old) == 0)
+        ::fchmod(fd, old.st_mode & 07777);
+    if (::close(fd) != 0) {
+        const QString message = systemError(QStringLiteral("cannot close"), tempName);
+        ::unlink(tempPath.constData());
+        return fail(errorString, message);
+    }
+    if (::rename(tempPath.constData(), finalPath.constData()) != 0) {
+        const QString message = systemError(QStringLiteral("cannot replace"), path);
+        ::unlink(tempPath.constData());
+        return fail(errorString, message);
+    }
+    const int dirFd = ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dirFd >= 0) {
+        // The new content is in place; a failed directory sync only weakens durability.
+        ::fsync(dirFd);
+        ::close(dirFd);
+    }
+    return true;
+#endif
+}

@@ -1,0 +1,9 @@
+#include "QKUnrecognizedSelectorException.h"
+
+QKUnrecognizedSelectorException::QKUnrecognizedSelectorException(const QString &className, const QString &selector,
+                                                                 const void *instance)
+    : QKException(QStringLiteral("NSInvalidArgumentException"),
+                  QStringLiteral("-[%1 %2]: unrecognized selector sent to instance 0x%3")
+                      .arg(className, selector, QString::number(reinterpret_cast<quintptr>(instance), 16))),
+      m_selector(selector)
+{}

@@ -1,0 +1,179 @@
+#include "QKLocalFeedbackSource.h"
+
+#include "../base/QKArchiveException.h"
+#include "../base/QKDocumentsDirectory.h"
+#include "../base/QKKeyedArchiver.h"
+#include "../base/QKKeyedUnarchiver.h"
+#include "../base/QKLocalizedString.h"
+
+#include <algorithm>
+
+QKLocalFeedbackSource::QKLocalFeedbackSource(QObject *parent) : QKFeedbackDataSource(parent)
+{
+    loadData();
+}
+
+QKLocalFeedbackSource::~QKLocalFeedbackSource()
+{
+    save();
+}
+
+QSharedPointer<QKLocalFeedbackSource> QKLocalFeedbackSource::sharedItems()
+{
+    static QSharedPointer<QKLocalFeedbackSource> shared;
+    if (!shared) {
+        shared = QSharedPointer<QKLocalFeedbackSource>::create();
+        shared->loadData();
+    }
+    return shared;
+}
+
+QString QKLocalFeedbackSource::archivePath()
+{
+    return QKDocumentsDirectory() + QStringLiteral("/qkfeedback.plist");
+}
+
+QKError QKLocalFeedbackSource::notFoundError()
+{
+    return QKError{QKLocalizedString("Not Found FeedbackItem"), 1, {}};
+}
+
+void QKLocalFeedbackSource::loadData()
+{
+    QKFeedbackItemList loaded;
+    try {
+        const QVariant root = QKKeyedUnarchiver::unarchiveObjectWithFile(archivePath());
+        if (root.isValid()) {
+            if (root.metaType().id() != QMetaType::QVariantList)
+                throw QKArchiveException(QStringLiteral("the root of %1 is not an array of items").arg(archivePath()));
+            const QVariantList values = root.toList();
+            loaded.reserve(values.size());
+            for (const QVariant &value : values) {
+                auto item = value.value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
+                if (!item)
+                    throw QKArchiveException(
+                        QStringLiteral("%1 holds an entry that is not a QKFeedbackItem").arg(archivePath()));
+                loaded.append(item);
+            }
+        }
+    } catch (const QKArchiveException &) {
+        m_fileRejected = true;
+        throw;
+    }
+    std::stable_sort(loaded.begin(), loaded.end(), [](const QKFeedbackItemPtr &a, const QKFeedbackItemPtr &b) {
+        const QDateTime &x = a->createdAt();
+        const QDateTime &y = b->createdAt();
+        if (x.isValid() != y.isValid())
+            return x.isValid();
+        return x.isValid() && x > y;
+    });
+    if (loaded.isEmpty())
+        loaded.reserve(4);
+    m_items = loaded;
+    m_fileRejected = false;
+}
+
+bool QKLocalFeedbackSource::save()
+{
+    if (m_fileRejected)
+        return false;
+    QVariantList values;
+    values.reserve(m_items.size());
+    for (const QKFeedbackItemPtr &item : std::as_const(m_items))
+        values.append(QVariant::fromValue(item.staticCast<QKCoding>()));
+    return QKKeyedArchiver::archiveRootObject(values, archivePath());
+}
+
+QKFeedbackItemPtr QKLocalFeedbackSource::itemForKey(const QString &key) const
+{
+    if (key.isNull())
+        return {};
+    for (const QKFeedbackItemPtr &item : m_items)
+        if (!item->key().isNull() && item->key() == key)
+            return item;
+    return {};
+}
+
+bool QKLocalFeedbackSource::implements(Operation operation) const
+{
+    switch (operation) {
+    case Operation::FeedbackItemsByState:
+    case Operation::FeedbackItemsByStateSkip:
+    case Operation::SubItemsForKey:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void QKLocalFeedbackSource::feedbackItems(ItemsCompletion completionHandler)
+{
+    completionHandler(m_items, std::nullopt);
+}
+
+void QKLocalFeedbackSource::feedbackItemsByState(const QString &state, ItemsCompletion completionHandler)
+{
+    feedbackItemsByState(state, 0, std::move(completionHandler));
+}
+
+void QKLocalFeedbackSource::feedbackItemsByState(const QString &state, qint64, ItemsCompletion completionHandler)
+{
+    if (state.isNull()) {
+        feedbackItems(std::move(completionHandler));
+        return;
+    }
+    QKFeedbackItemList matching;
+    matching.reserve(4);
+    for (const QKFeedbackItemPtr &item : std::as_const(m_items))
+        if (!item->state().isNull() && item->state() == state)
+            matching.append(item);
+    completionHandler(matching, std::nullopt);
+}
+
+void QKLocalFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
+{
+    m_items.append(item);
+    save();
+    completionHandler(std::nullopt);
+}
+
+void QKLocalFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler)
+{
+    m_items.append(items);
+    save();
+    completionHandler(std::nullopt);
+}
+
+void QKLocalFeedbackSource::editWithKey(const QString &key, const QString &state, ErrorCompletion completionHandler)
+{
+    const QKFeedbackItemPtr item = itemForKey(key);
+    if (!item) {
+        completionHandler(notFoundError());
+        return;
+    }
+    item->setState(state);
+    save();
+    completionHandler(std::nullopt);
+}
+
+void QKLocalFeedbackSource::deleteWithKey(const QString &key, ErrorCompletion completionHandler)
+{
+    // Confirms the key and keeps the item: this source never removes what it stored.
+    if (!itemForKey(key)) {
+        completionHandler(notFoundError());
+        return;
+    }
+    save();
+    completionHandler(std::nullopt);
+}
+
+void QKLocalFeedbackSource::subItemsForKey(const QString &key, ItemsCompletion completionHandler)
+{
+    const QKFeedbackItemPtr item = itemForKey(key);
+    if (!item) {
+        completionHandler(std::nullopt, notFoundError());
+        return;
+    }
+    save();
+    completionHandler(item->subItems(), std::nullopt);
+}
