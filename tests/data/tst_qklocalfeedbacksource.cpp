@@ -1,0 +1,334 @@
+// The local source against real archive files in a temporary documents directory.
+
+#include "base/QKArchiveException.h"
+#include "base/QKDocumentsDirectory.h"
+#include "base/QKKeyedArchiver.h"
+#include "base/QKUnrecognizedSelectorException.h"
+#include "data/QKLocalFeedbackSource.h"
+
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+using Source = QKLocalFeedbackSource;
+using Op = QKFeedbackDataSource::Operation;
+
+QKFeedbackItemPtr makeItem(const QString &key, const QString &state, const QDateTime &createdAt = QDateTime(),
+                           const QString &text = QString())
+{
+    auto item = QKFeedbackItem::create();
+    item->setKey(key);
+    item->setState(state);
+    item->setCreatedAt(createdAt);
+    item->setText(text.isNull() ? key : text);
+    return item;
+}
+
+QDateTime day(int n)
+{
+    return QDateTime(QDate(2026, 1, n), QTime(12, 0), Qt::UTC);
+}
+
+// Calls an operation, checks that its completion ran exactly once before it returned.
+struct Result
+{
+    int calls = 0;
+    std::optional<QKFeedbackItemList> items;
+    std::optional<QKError> error;
+};
+
+Result list(Source &source, const QString &state, qint64 skip = 0)
+{
+    Result r;
+    source.feedbackItemsByState(state, skip, [&](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
+        ++r.calls;
+        r.items = items;
+        r.error = error;
+    });
+    return r;
+}
+
+Result subItems(Source &source, const QString &key)
+{
+    Result r;
+    source.subItemsForKey(key, [&](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
+        ++r.calls;
+        r.items = items;
+        r.error = error;
+    });
+    return r;
+}
+
+template<class Call>
+Result errorOf(Call call)
+{
+    Result r;
+    call([&](std::optional<QKError> error) {
+        ++r.calls;
+        r.error = error;
+    });
+    return r;
+}
+
+QStringList texts(const std::optional<QKFeedbackItemList> &items)
+{
+    QStringList out;
+    for (const auto &item : items.value_or(QKFeedbackItemList()))
+        out.append(item->text());
+    return out;
+}
+
+QByteArray fileBytes()
+{
+    QFile file(Source::archivePath());
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+class TestLocalFeedbackSource : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir *m_dir = nullptr;
+
+private slots:
+    void init()
+    {
+        m_dir = new QTemporaryDir;
+        QKSetDocumentsDirectory(m_dir->filePath(QStringLiteral("docs")));
+    }
+    void cleanup()
+    {
+        delete m_dir;
+        QKSetDocumentsDirectory(QString());
+    }
+
+    void freshInstallThenKeptAcrossInstances()
+    {
+        {
+            Source source;
+            const Result r = list(source, QString());
+            QCOMPARE(r.calls, 1);
+            QVERIFY(!r.error);
+            QVERIFY(r.items && r.items->isEmpty());
+            QVERIFY(!QFile::exists(Source::archivePath())); // listing never writes
+            QCOMPARE(errorOf([&](auto done) { source.addFeedback(makeItem("k1", "Open", day(1)), done); }).calls, 1);
+            QVERIFY(QFile::exists(Source::archivePath()));
+            QCOMPARE(QFileInfo(Source::archivePath()).fileName(), QStringLiteral("qkfeedback.plist"));
+        }
+        Source again;
+        QCOMPARE(texts(list(again, QString()).items), QStringList{QStringLiteral("k1")});
+        QCOMPARE(again.items().first()->createdAt(), day(1));
+    }
+
+    void filtersAndIgnoresSkip()
+    {
+        Source source;
+        source.addFeedbackItems({makeItem("a", "Open"), makeItem("b", "Resolved"), makeItem("c", "Open"),
+                                 makeItem("d", "open"), makeItem("e", QString())},
+                                [](auto error) { QVERIFY(!error); });
+        QCOMPARE(texts(list(source, QStringLiteral("Open")).items), (QStringList{"a", "c"}));
+        QCOMPARE(texts(list(source, QStringLiteral("Open"), 20).items), (QStringList{"a", "c"}));
+        QCOMPARE(texts(list(source, QStringLiteral("Resolved"), 1).items), (QStringList{"b"}));
+        QCOMPARE(texts(list(source, QString(), 3).items), (QStringList{"a", "b", "c", "d", "e"}));
+        QCOMPARE(list(source, QStringLiteral("Closed")).items->size(), 0);
+        // The two-argument form is skip 0.
+        Result r;
+        source.feedbackItemsByState(QStringLiteral("Open"), [&](auto items, auto) { r.items = items; });
+        QCOMPARE(texts(r.items), (QStringList{"a", "c"}));
+    }
+
+    void editChangesFirstMatchOnly()
+    {
+        Source source;
+        auto first = makeItem("dup", "Open", QDateTime(), "first");
+        auto second = makeItem("dup", "Open", QDateTime(), "second");
+        source.addFeedbackItems({first, second}, [](auto) {});
+        const Result r = errorOf([&](auto done) { source.editWithKey(QStringLiteral("dup"), QStringLiteral("Resolved"), done); });
+        QCOMPARE(r.calls, 1);
+        QVERIFY(!r.error);
+        QCOMPARE(first->state(), QStringLiteral("Resolved"));
+        QCOMPARE(second->state(), QStringLiteral("Open"));
+        Source reloaded;
+        QCOMPARE(texts(list(reloaded, QStringLiteral("Resolved")).items), QStringList{QStringLiteral("first")});
+    }
+
+    void deleteConfirmsAndKeeps()
+    {
+        Source source;
+        source.addFeedback(makeItem("k", "Open"), [](auto) {});
+        const Result r = errorOf([&](auto done) { source.deleteWithKey(QStringLiteral("k"), done); });
+        QCOMPARE(r.calls, 1);
+        QVERIFY(!r.error);
+        QCOMPARE(list(source, QString()).items->size(), 1);
+        Source reloaded;
+        QCOMPARE(reloaded.items().size(), 1);
+    }
+
+    void notFoundErrors()
+    {
+        Source source;
+        const QKError expected{QStringLiteral("Not Found FeedbackItem"), 1, {}};
+        // An empty list, then an unknown key, an item without a key, and a null key.
+        QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QStringLiteral("x"), done); }).error, expected);
+        source.addFeedbackItems({makeItem("k", "Open"), makeItem(QString(), "Open", QDateTime(), "keyless")}, [](auto) {});
+        QCOMPARE(errorOf([&](auto done) { source.editWithKey(QStringLiteral("x"), QStringLiteral("Open"), done); }).error,
+                 expected);
+        QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QString(), done); }).error, expected);
+        QCOMPARE(errorOf([&](auto done) { source.editWithKey(QString(), QStringLiteral("Resolved"), done); }).error,
+                 expected);
+        QCOMPARE(source.items().last()->state(), QStringLiteral("Open"));
+        const Result r = subItems(source, QStringLiteral("x"));
+        QCOMPARE(r.calls, 1);
+        QVERIFY(!r.items);
+        QCOMPARE(r.error, expected);
+        QCOMPARE(Source::notFoundError().userInfo.size(), 0);
+        // The keyless item is still listed.
+        QCOMPARE(texts(list(source, QString()).items), (QStringList{"k", "keyless"}));
+    }
+
+    void subItemsReadRewritesFile()
+    {
+        {
+            Source source;
+            auto item = makeItem("k", "Open");
+            source.addFeedback(item, [](auto) {});
+            // A comment added to the stored item directly is kept by the next write.
+            auto comment = makeItem(QString(), QString(), day(3), "comment");
+            item->addSubItem(comment);
+            const Result r = subItems(source, QStringLiteral("k"));
+            QCOMPARE(r.calls, 1);
+            QVERIFY(!r.error);
+            QCOMPARE(r.items->size(), 1);
+            QCOMPARE(r.items->first(), comment); // the same shared record
+            QFile::remove(Source::archivePath());
+            subItems(source, QStringLiteral("k"));
+            QVERIFY(QFile::exists(Source::archivePath()));
+        }
+        Source reloaded;
+        QCOMPARE(texts(subItems(reloaded, QStringLiteral("k")).items), QStringList{QStringLiteral("comment")});
+    }
+
+    void sortsNewestFirstOnLoad()
+    {
+        {
+            Source source;
+            source.addFeedbackItems({makeItem("u1", "Open"), makeItem("old", "Open", day(1)),
+                                     makeItem("u2", "Open"), makeItem("new", "Open", day(9)),
+                                     makeItem("mid", "Open", day(5))},
+                                    [](auto) {});
+            // Within the run, in the order added.
+            QCOMPARE(texts(list(source, QString()).items), (QStringList{"u1", "old", "u2", "new", "mid"}));
+        }
+        Source reloaded;
+        QCOMPARE(texts(list(reloaded, QString()).items), (QStringList{"new", "mid", "old", "u1", "u2"}));
+        reloaded.addFeedback(makeItem("newest", "Open", day(20)), [](auto) {});
+        QCOMPARE(texts(list(reloaded, QString()).items).last(), QStringLiteral("newest"));
+    }
+
+    void savesOnDestruction()
+    {
+        auto source = std::make_unique<Source>();
+        source->addFeedback(makeItem("k", "Open"), [](auto) {});
+        source->items().first()->setText(QStringLiteral("changed later"));
+        source.reset();
+        Source reloaded;
+        QCOMPARE(reloaded.items().first()->text(), QStringLiteral("changed later"));
+    }
+
+    void optionalOperations()
+    {
+        Source source;
+        QVERIFY(source.implements(Op::FeedbackItemsByStateSkip));
+        QVERIFY(source.implements(Op::SubItemsForKey));
+        QVERIFY(!source.implements(Op::ImageForKey));
+        QVERIFY(!source.implements(Op::AddSubItemForKey));
+        QVERIFY(!source.implements(Op::UserEmail));
+        try {
+            source.imageForKey(QStringLiteral("k"), [](QImage, auto) { QFAIL("completion called"); });
+            QFAIL("no exception");
+        } catch (const QKUnrecognizedSelectorException &e) {
+            QCOMPARE(e.selector(), QStringLiteral("imageForKey:completionHandler:"));
+            QVERIFY(e.reason().startsWith(QStringLiteral("-[QKLocalFeedbackSource imageForKey:completionHandler:]")));
+        }
+        QVERIFY_THROWS_EXCEPTION(QKUnrecognizedSelectorException,
+                                 source.addSubItemForKey(QStringLiteral("k"), makeItem("c", "Open"), [](auto) {}));
+        QVERIFY_THROWS_EXCEPTION(QKUnrecognizedSelectorException, source.userEmail());
+        source.setUserName(QStringLiteral("Ada"));
+        QCOMPARE(source.userName(), QStringLiteral("Ada"));
+        source.addFeedback(makeItem("k", "Open"), [](auto) {});
+        QVERIFY(!fileBytes().contains("Ada")); // the name is never stored
+    }
+
+    void invalidFileIsKept()
+    {
+        QDir().mkpath(QFileInfo(Source::archivePath()).path());
+        QFile file(Source::archivePath());
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("not an archive at all, but the user's data must stay");
+        file.close();
+        const QByteArray before = fileBytes();
+        QVERIFY_THROWS_EXCEPTION(QKArchiveException, Source());
+        QCOMPARE(fileBytes(), before);
+
+        // A valid archive whose root is not a list of items is refused too.
+        QVERIFY(QKKeyedArchiver::archiveRootObject(QVariantMap{{QStringLiteral("Name"), QStringLiteral("x")}},
+                                                   Source::archivePath()));
+        try {
+            Source source;
+            QFAIL("accepted a dictionary");
+        } catch (const QKArchiveException &e) {
+            QVERIFY2(e.reason().contains(QStringLiteral("not an array of items")), qPrintable(e.reason()));
+        }
+
+        // A source whose reload fails keeps its list and stops writing over the file.
+        QFile::remove(Source::archivePath());
+        Source source;
+        source.addFeedback(makeItem("k", "Open"), [](auto) {});
+        QVERIFY(QFile::remove(Source::archivePath()));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("garbage");
+        file.close();
+        QVERIFY_THROWS_EXCEPTION(QKArchiveException, source.loadData());
+        QCOMPARE(source.items().size(), 1);
+        QVERIFY(!source.save());
+        source.addFeedback(makeItem("k2", "Open"), [](auto error) { QVERIFY(!error); });
+        QCOMPARE(fileBytes(), QByteArray("garbage"));
+    }
+
+    void failedWriteKeepsOldFileAndList()
+    {
+        Source source;
+        source.addFeedback(makeItem("k", "Open"), [](auto) {});
+        const QByteArray before = fileBytes();
+        // Root ignores directory permissions, so break the path instead: the documents
+        // directory becomes a file's child once it is moved aside.
+        const QString docs = QKDocumentsDirectory();
+        QFile blocker(m_dir->filePath(QStringLiteral("blocker")));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        QKSetDocumentsDirectory(blocker.fileName() + QStringLiteral("/docs"));
+        const Result r = errorOf([&](auto done) { source.addFeedback(makeItem("k2", "Open"), done); });
+        QCOMPARE(r.calls, 1);
+        QVERIFY(!r.error); // silent, as the source promises
+        QVERIFY(!source.save());
+        QCOMPARE(source.items().size(), 2);
+        QKSetDocumentsDirectory(docs);
+        QCOMPARE(fileBytes(), before);
+    }
+
+    void sharedInstance()
+    {
+        Source seed;
+        seed.addFeedback(makeItem("k", "Open"), [](auto) {});
+        const auto shared = Source::sharedItems();
+        QCOMPARE(shared, Source::sharedItems());
+        QCOMPARE(shared->items().size(), 1); // read twice, listed once
+    }
+};
+
+QTEST_MAIN(TestLocalFeedbackSource)
+#include "tst_qklocalfeedbacksource.moc"
