@@ -3,30 +3,19 @@
 #include "QKException.h"
 
 #include <QCoreApplication>
-#include <QMutex>
-#include <QPointer>
 #include <QThread>
 #include <QThreadPool>
 
 namespace {
 
-// Lives on the main thread for as long as the application; queued calls on it
-// run in the main event loop.
+// The application object lives on the main thread for the application's lifetime,
+// so queued calls on it run in the main event loop.
 QObject *mainContext()
 {
-    static QMutex mutex;
-    static QPointer<QObject> context;
-    QMutexLocker lock(&mutex);
-    if (!context) {
-        auto *app = QCoreApplication::instance();
-        if (!app)
-            throw QKException(QStringLiteral("QKDispatch"), QStringLiteral("the main queue needs a QCoreApplication"));
-        auto *object = new QObject;
-        object->moveToThread(app->thread());
-        object->setParent(app);
-        context = object;
-    }
-    return context.data();
+    auto *app = QCoreApplication::instance();
+    if (!app)
+        throw QKException(QStringLiteral("QKDispatch"), QStringLiteral("the main queue needs a QCoreApplication"));
+    return app;
 }
 
 } // namespace

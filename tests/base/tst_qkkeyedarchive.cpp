@@ -16,6 +16,11 @@ class Node : public QKCoding
 public:
     QString name;
     QList<QSharedPointer<Node>> children;
+    // What decoding read back of the primitive fields.
+    double weight = 0;
+    qint64 count = 0;
+    bool flag = false;
+    bool hasAbsent = true;
 
     QStringList archiveClassChain() const override { return {QStringLiteral("TestNode"), QStringLiteral("NSObject")}; }
     void encodeWithCoder(QKKeyedArchiver &coder) const override
@@ -65,11 +70,10 @@ private slots:
             node->name = coder.decodeString(QStringLiteral("name"));
             if (auto children = coder.decodeArrayOfObjectsOfClass<Node>(QStringLiteral("children")))
                 node->children = *children;
-            QCOMPARE(coder.decodeDouble(QStringLiteral("weight")), 2.5);
-            QCOMPARE(coder.decodeInt64(QStringLiteral("count")), -7);
-            QCOMPARE(coder.decodeBool(QStringLiteral("flag")), true);
-            QVERIFY(!coder.containsValueForKey(QStringLiteral("absent")));
-            QCOMPARE(coder.decodeInt64(QStringLiteral("absent")), 0);
+            node->weight = coder.decodeDouble(QStringLiteral("weight"));
+            node->count = coder.decodeInt64(QStringLiteral("count"));
+            node->flag = coder.decodeBool(QStringLiteral("flag"));
+            node->hasAbsent = coder.containsValueForKey(QStringLiteral("absent"));
             return node;
         });
     }
@@ -86,8 +90,9 @@ private slots:
         QTest::newRow("data") << QVariant(QByteArray("\0\1\2\xff", 4));
         QTest::newRow("date") << QVariant(QDateTime::fromMSecsSinceEpoch(-86400001, Qt::UTC));
         QTest::newRow("list") << QVariant(QVariantList{1, QStringLiteral("a"), QVariantList{}, QVariant()});
-        QTest::newRow("dictionary") << QVariant(QVariantMap{{QStringLiteral("Name"), QStringLiteral("Ada")},
-                                                          {QStringLiteral("n"), QVariantMap{{QStringLiteral("x"), 1.5}}}});
+        QTest::newRow("dictionary") << QVariant(
+            QVariantMap{{QStringLiteral("Name"), QStringLiteral("Ada")},
+                        {QStringLiteral("n"), QVariantMap{{QStringLiteral("x"), 1.5}}}});
     }
 
     void valuesRoundTrip()
@@ -120,6 +125,10 @@ private slots:
         QCOMPARE(back->children.size(), 2);
         QCOMPARE(back->children[0], back->children[1]); // one object, read once
         QCOMPARE(back->children[0]->name, QStringLiteral("leaf"));
+        QCOMPARE(back->weight, 2.5);
+        QCOMPARE(back->count, -7);
+        QVERIFY(back->flag);
+        QVERIFY(!back->hasAbsent);
     }
 
     void refusesWhatItCannotWrite()

@@ -72,7 +72,8 @@ plist_t nsDate(const QDateTime &date, quint64 classUid)
 
 plist_t itemDict(std::initializer_list<quint64> fields, quint64 classUid)
 {
-    static const char *const keys[] = {"key", "createdAt", "modifiedAt", "text", "author", "state", "image", "subItems"};
+    static const char *const keys[] = {"key",    "createdAt", "modifiedAt", "text",
+                                       "author", "state",     "image",      "subItems"};
     plist_t d = plist_new_dict();
     int i = 0;
     for (quint64 field : fields)
@@ -182,7 +183,8 @@ private slots:
         item->setCreatedAt(d1);
         item->setText(QStringLiteral("Zwölf Boxkämpfer ✓"));
         item->setState(QStringLiteral(""));
-        item->setParams({{QStringLiteral("ImageUri"), QStringLiteral("https://x/y")}, {QStringLiteral("CommentsCount"), 3}});
+        item->setParams(
+            {{QStringLiteral("ImageUri"), QStringLiteral("https://x/y")}, {QStringLiteral("CommentsCount"), 3}});
         auto comment = QKFeedbackItem::create();
         comment->setText(QStringLiteral("c"));
         item->addSubItem(comment);
@@ -218,7 +220,8 @@ private slots:
         for (qsizetype i = 0; i + 1 < lines.size(); ++i)
             QCOMPARE(lines[i].size(), 64);
         QVERIFY(!lines.last().isEmpty() && lines.last().size() <= 64);
-        QVERIFY(!text.contains(QLatin1Char('\n')) || text.count(QStringLiteral("\r\n")) == text.count(QLatin1Char('\n')));
+        QVERIFY(!text.contains(QLatin1Char('\n')) ||
+                text.count(QStringLiteral("\r\n")) == text.count(QLatin1Char('\n')));
         QCOMPARE(QKFeedbackItem::decodeBase64ToImage(text).size(), image.size());
         QVERIFY(QKFeedbackItem::encodeToBase64String(QImage()).isNull());
         QVERIFY(QKFeedbackItem::decodeBase64ToImage(QString()).isNull());
@@ -228,9 +231,7 @@ private slots:
     void absentSubItemsStayNil()
     {
         // An item archived by an older writer, without "subItems".
-        plist_t objects = array({str("$null"),
-                                 dict({{"text", uid(2)}, {"$class", uid(3)}}),
-                                 str("old"),
+        plist_t objects = array({str("$null"), dict({{"text", uid(2)}, {"$class", uid(3)}}), str("old"),
                                  classRecord({"QKFeedbackItem", "NSObject"})});
         const auto item = QKKeyedUnarchiver::unarchivedObject(toBinary(keyedArchive(objects)))
                               .value<QKCodingPtr>()
@@ -263,7 +264,8 @@ private slots:
     {
         const QImage image = sampleImage(20, 10);
         const QString imageText = QKFeedbackItem::encodeToBase64String(image);
-        const QKFeedbackItemList items = itemsFrom(QKKeyedUnarchiver::unarchivedObject(toBinary(platformGraph(imageText))));
+        const QKFeedbackItemList items =
+            itemsFrom(QKKeyedUnarchiver::unarchivedObject(toBinary(platformGraph(imageText))));
         QCOMPARE(items.size(), 2);
         const auto &first = items[0];
         QCOMPARE(first->key(), QStringLiteral("A1"));
@@ -295,7 +297,6 @@ private slots:
         QVERIFY(parsed);
         // Object for object, key for key, the same graph the platform writes.
         QCOMPARE(toXml(parsed), toXml(platformGraph(QKFeedbackItem::encodeToBase64String(image))));
-        plist_free(parsed);
     }
 
     void plistutilAcceptsOurArchive()
@@ -382,11 +383,10 @@ private slots:
         QTest::newRow("root not a reference") << toBinary(rootNotUid) << "root reference";
         QTest::newRow("no $null") << toBinary(keyedArchive(archive({str("x"), str("y")}))) << "$null";
         QTest::newRow("uid out of range") << toBinary(keyedArchive(archive({str("$null")}), 99)) << "out of range";
-        QTest::newRow("object cycle")
-            << toBinary(keyedArchive(archive({str("$null"),
-                                              dict({{"NS.objects", uids({1})}, {"$class", uid(2)}}),
+        QTest::newRow("object cycle") << toBinary(keyedArchive(archive(
+                                             {str("$null"), dict({{"NS.objects", uids({1})}, {"$class", uid(2)}}),
                                               classRecord({"NSMutableArray", "NSArray", "NSObject"})})))
-            << "reference cycle";
+                                      << "reference cycle";
         plist_t chain = plist_new_array();
         plist_array_append_item(chain, str("$null"));
         plist_array_append_item(chain, classRecord({"NSArray", "NSObject"}));
@@ -394,33 +394,36 @@ private slots:
             plist_array_append_item(chain, dict({{"NS.objects", uids({i + 1})}, {"$class", uid(1)}}));
         plist_array_append_item(chain, str("leaf"));
         QTest::newRow("objects nested too deep") << toBinary(keyedArchive(chain, 2)) << "deeper than 256";
-        QTest::newRow("unknown class")
-            << toBinary(keyedArchive(archive({str("$null"), dict({{"$class", uid(2)}}), classRecord({"NSWindow", "NSObject"})})))
-            << "unknown class NSWindow";
+        QTest::newRow("unknown class") << toBinary(keyedArchive(archive({str("$null"), dict({{"$class", uid(2)}}),
+                                                                         classRecord({"NSWindow", "NSObject"})})))
+                                       << "unknown class NSWindow";
         QTest::newRow("no $class") << toBinary(keyedArchive(archive({str("$null"), dict({{"text", uid(0)}})})))
                                    << "has no $class";
         QTest::newRow("text is a number")
-            << toBinary(keyedArchive(archive({str("$null"), dict({{"text", uid(2)}, {"$class", uid(3)}}),
-                                              plist_new_uint(7), item()})))
+            << toBinary(keyedArchive(
+                   archive({str("$null"), dict({{"text", uid(2)}, {"$class", uid(3)}}), plist_new_uint(7), item()})))
             << "key \"text\"";
-        QTest::newRow("text inline")
-            << toBinary(keyedArchive(archive({str("$null"), dict({{"text", str("inline")}, {"$class", uid(2)}}), item()})))
-            << "not an object reference";
+        QTest::newRow("text inline") << toBinary(keyedArchive(
+                                            archive({str("$null"), dict({{"text", str("inline")}, {"$class", uid(2)}}),
+                                                     item()})))
+                                     << "not an object reference";
         QTest::newRow("sub-item is a string")
             << toBinary(keyedArchive(archive({str("$null"), dict({{"subItems", uid(2)}, {"$class", uid(5)}}),
                                               dict({{"NS.objects", uids({3})}, {"$class", uid(4)}}), str("x"),
                                               classRecord({"NSMutableArray", "NSArray", "NSObject"}), item()})))
             << "key \"subItems\"";
         QTest::newRow("date without time")
-            << toBinary(keyedArchive(archive({str("$null"), dict({{"$class", uid(2)}}), classRecord({"NSDate", "NSObject"})})))
+            << toBinary(keyedArchive(
+                   archive({str("$null"), dict({{"$class", uid(2)}}), classRecord({"NSDate", "NSObject"})})))
             << "NS.time";
         QTest::newRow("dictionary halves differ")
-            << toBinary(keyedArchive(archive({str("$null"),
-                                              dict({{"NS.keys", uids({3, 3})}, {"NS.objects", uids({3})}, {"$class", uid(2)}}),
-                                              classRecord({"NSDictionary", "NSObject"}), str("k")})))
+            << toBinary(keyedArchive(archive(
+                   {str("$null"), dict({{"NS.keys", uids({3, 3})}, {"NS.objects", uids({3})}, {"$class", uid(2)}}),
+                    classRecord({"NSDictionary", "NSObject"}), str("k")})))
             << "2 keys and 1 values";
         QTest::newRow("class record missing name")
-            << toBinary(keyedArchive(archive({str("$null"), dict({{"$class", uid(2)}}), dict({{"$classes", array({})}})})))
+            << toBinary(
+                   keyedArchive(archive({str("$null"), dict({{"$class", uid(2)}}), dict({{"$classes", array({})}})})))
             << "$classname";
     }
 

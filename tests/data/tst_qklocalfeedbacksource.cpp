@@ -42,11 +42,12 @@ struct Result
 Result list(Source &source, const QString &state, qint64 skip = 0)
 {
     Result r;
-    source.feedbackItemsByState(state, skip, [&](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
-        ++r.calls;
-        r.items = items;
-        r.error = error;
-    });
+    source.feedbackItemsByState(state, skip,
+                                [&](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
+                                    ++r.calls;
+                                    r.items = items;
+                                    r.error = error;
+                                });
     return r;
 }
 
@@ -61,7 +62,7 @@ Result subItems(Source &source, const QString &key)
     return r;
 }
 
-template<class Call>
+template <class Call>
 Result errorOf(Call call)
 {
     Result r;
@@ -147,7 +148,8 @@ private slots:
         auto first = makeItem("dup", "Open", QDateTime(), "first");
         auto second = makeItem("dup", "Open", QDateTime(), "second");
         source.addFeedbackItems({first, second}, [](auto) {});
-        const Result r = errorOf([&](auto done) { source.editWithKey(QStringLiteral("dup"), QStringLiteral("Resolved"), done); });
+        const Result r =
+            errorOf([&](auto done) { source.editWithKey(QStringLiteral("dup"), QStringLiteral("Resolved"), done); });
         QCOMPARE(r.calls, 1);
         QVERIFY(!r.error);
         QCOMPARE(first->state(), QStringLiteral("Resolved"));
@@ -174,9 +176,11 @@ private slots:
         const QKError expected{QStringLiteral("Not Found FeedbackItem"), 1, {}};
         // An empty list, then an unknown key, an item without a key, and a null key.
         QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QStringLiteral("x"), done); }).error, expected);
-        source.addFeedbackItems({makeItem("k", "Open"), makeItem(QString(), "Open", QDateTime(), "keyless")}, [](auto) {});
-        QCOMPARE(errorOf([&](auto done) { source.editWithKey(QStringLiteral("x"), QStringLiteral("Open"), done); }).error,
-                 expected);
+        source.addFeedbackItems({makeItem("k", "Open"), makeItem(QString(), "Open", QDateTime(), "keyless")},
+                                [](auto) {});
+        QCOMPARE(
+            errorOf([&](auto done) { source.editWithKey(QStringLiteral("x"), QStringLiteral("Open"), done); }).error,
+            expected);
         QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QString(), done); }).error, expected);
         QCOMPARE(errorOf([&](auto done) { source.editWithKey(QString(), QStringLiteral("Resolved"), done); }).error,
                  expected);
@@ -216,9 +220,8 @@ private slots:
     {
         {
             Source source;
-            source.addFeedbackItems({makeItem("u1", "Open"), makeItem("old", "Open", day(1)),
-                                     makeItem("u2", "Open"), makeItem("new", "Open", day(9)),
-                                     makeItem("mid", "Open", day(5))},
+            source.addFeedbackItems({makeItem("u1", "Open"), makeItem("old", "Open", day(1)), makeItem("u2", "Open"),
+                                     makeItem("new", "Open", day(9)), makeItem("mid", "Open", day(5))},
                                     [](auto) {});
             // Within the run, in the order added.
             QCOMPARE(texts(list(source, QString()).items), (QStringList{"u1", "old", "u2", "new", "mid"}));

@@ -76,6 +76,7 @@ inline QByteArray toBinary(plist_t node)
     return data;
 }
 
+// XML form of `node`; frees it.
 inline QString toXml(plist_t node)
 {
     char *xml = nullptr;
@@ -83,6 +84,7 @@ inline QString toXml(plist_t node)
     plist_to_xml(node, &xml, &length);
     QString text = QString::fromUtf8(xml, qsizetype(length));
     plist_to_xml_free(xml);
+    plist_free(node);
     return text;
 }
 

@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QImageReader>
 
+#include <cmath>
 #include <stdexcept>
 
 namespace {
@@ -161,7 +162,8 @@ QVariant QKItemJSON::toValue(const QJsonValue &value)
         return value.toBool();
     case QJsonValue::Double: {
         const double number = value.toDouble();
-        if (number == double(qint64(number)))
+        // Whole numbers within 2^53 stay integers; beyond that a double is as exact.
+        if (std::fabs(number) <= 9007199254740992.0 && number == std::trunc(number))
             return qint64(number);
         return number;
     }

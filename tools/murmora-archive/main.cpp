@@ -6,7 +6,7 @@
 #include "base/QKKeyedUnarchiver.h"
 
 #include <QFile>
-#include <QGuiApplication>
+#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QTextStream>
 
@@ -83,9 +83,8 @@ int make(const QString &path)
 
 int main(int argc, char **argv)
 {
-    // Images need QtGui's decoders, not a display.
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
+    // QImage reads and writes files without a display or a GUI application.
+    QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
     if (args.size() != 3)
         return usage();
