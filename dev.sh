@@ -12,6 +12,8 @@ PACKAGES=(
 )
 
 preset=${PRESET:-dev}
+# CI builds treat warnings as errors.
+[ -n "${CI:-}" ] && export MURMORA_WERROR=ON
 
 deps() {
   local missing=()

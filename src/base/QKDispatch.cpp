@@ -22,17 +22,12 @@ QObject *mainContext()
 
 QKDispatchQueue QKDispatch::mainQueue()
 {
-    return QKDispatchQueue(QKDispatchQueue::Kind::Main, nullptr);
+    return QKDispatchQueue(QKDispatchQueue::Kind::Main);
 }
 
 QKDispatchQueue QKDispatch::globalQueue()
 {
-    return QKDispatchQueue(QKDispatchQueue::Kind::Global, nullptr);
-}
-
-QKDispatchQueue QKDispatch::queueForObject(QObject *context)
-{
-    return QKDispatchQueue(QKDispatchQueue::Kind::Object, context);
+    return QKDispatchQueue(QKDispatchQueue::Kind::Global);
 }
 
 void QKDispatch::async(const QKDispatchQueue &queue, std::function<void()> block)
@@ -43,9 +38,6 @@ void QKDispatch::async(const QKDispatchQueue &queue, std::function<void()> block
         break;
     case QKDispatchQueue::Kind::Global:
         QThreadPool::globalInstance()->start(std::move(block));
-        break;
-    case QKDispatchQueue::Kind::Object:
-        QMetaObject::invokeMethod(queue.m_context, std::move(block), Qt::QueuedConnection);
         break;
     }
 }

@@ -4,23 +4,18 @@
 
 #include <functional>
 
-class QObject;
-
-/// Where a block runs. The main queue is the application's main thread, the
-/// global queue Qt's global thread pool; a queue may also be bound to a QObject
-/// and then runs blocks on that object's thread.
+/// Where a block runs: the application's main thread, or Qt's global thread pool.
 class MURMORA_DATA_EXPORT QKDispatchQueue
 {
 public:
-    enum class Kind { Main, Global, Object };
+    enum class Kind { Main, Global };
 
     Kind kind() const { return m_kind; }
 
 private:
     friend class QKDispatch;
-    QKDispatchQueue(Kind kind, QObject *context) : m_kind(kind), m_context(context) {}
+    explicit QKDispatchQueue(Kind kind) : m_kind(kind) {}
     Kind m_kind;
-    QObject *m_context;
 };
 
 /// Posting blocks to the main thread and to background threads.
@@ -33,9 +28,6 @@ public:
     static QKDispatchQueue mainQueue();
     /// Qt's global thread pool; blocks may run concurrently.
     static QKDispatchQueue globalQueue();
-    /// Runs blocks on `context`'s thread (its event loop); `context` must outlive them
-    /// or they are dropped with it.
-    static QKDispatchQueue queueForObject(QObject *context);
 
     static void async(const QKDispatchQueue &queue, std::function<void()> block);
 
