@@ -148,19 +148,6 @@ private slots:
         QVERIFY(error.contains(QStringLiteral("QPointF")));
         QVERIFY(!QFile::exists(QStringLiteral("/tmp/never-written")));
     }
-
-    void typedReadsCheckTypes()
-    {
-        auto node = QSharedPointer<Node>::create();
-        node->name = QStringLiteral("n");
-        // A string read back as a date is refused.
-        QKKeyedUnarchiver::registerClass(QStringLiteral("TestNode"), [](QKKeyedUnarchiver &coder) -> QKCodingPtr {
-            coder.decodeDate(QStringLiteral("name"));
-            return QSharedPointer<Node>::create();
-        });
-        QVERIFY_THROWS_EXCEPTION(QKArchiveException, roundTrip(coded(node)));
-        initTestCase();
-    }
 };
 
 QTEST_GUILESS_MAIN(TestKeyedArchive)
