@@ -20,12 +20,14 @@ QKLocalFeedbackSource::~QKLocalFeedbackSource()
 
 QSharedPointer<QKLocalFeedbackSource> QKLocalFeedbackSource::sharedItems()
 {
-    static QSharedPointer<QKLocalFeedbackSource> shared;
-    if (!shared) {
-        shared = QSharedPointer<QKLocalFeedbackSource>::create();
-        shared->loadData();
+    // Never released, so it is not saved from static destructors after the
+    // application (and its paths) are gone.
+    static auto *shared = new QSharedPointer<QKLocalFeedbackSource>();
+    if (!*shared) {
+        *shared = QSharedPointer<QKLocalFeedbackSource>::create();
+        (*shared)->loadData();
     }
-    return shared;
+    return *shared;
 }
 
 QString QKLocalFeedbackSource::archivePath()

@@ -24,8 +24,8 @@ public:
     /// Saves the list one last time.
     ~QKLocalFeedbackSource() override;
 
-    /// The process-wide source, made on first call (which reads the file twice). Not
-    /// thread-safe: make the first call from the main thread.
+    /// The process-wide source, made on first call (which reads the file twice) and
+    /// never destroyed. Not thread-safe: make the first call from the main thread.
     static QSharedPointer<QKLocalFeedbackSource> sharedItems();
 
     /// The archive's path: QKDocumentsDirectory() + "/qkfeedback.plist".
