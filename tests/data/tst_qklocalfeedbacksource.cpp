@@ -182,6 +182,8 @@ private slots:
             errorOf([&](auto done) { source.editWithKey(QStringLiteral("x"), QStringLiteral("Open"), done); }).error,
             expected);
         QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QString(), done); }).error, expected);
+        // An item without a key does not match the empty key either.
+        QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QStringLiteral(""), done); }).error, expected);
         QCOMPARE(errorOf([&](auto done) { source.editWithKey(QString(), QStringLiteral("Resolved"), done); }).error,
                  expected);
         QCOMPARE(source.items().last()->state(), QStringLiteral("Open"));
