@@ -22,7 +22,13 @@ constexpr qint64 MaxArchiveSize = qint64(1) << 31;
     throw QKArchiveException(QStringLiteral("malformed keyed archive: ") + what);
 }
 
-QMutex registryMutex;
+// Classes register from static initialisers of other files, so both live in functions.
+QMutex &registryMutex()
+{
+    static QMutex mutex;
+    return mutex;
+}
+
 QHash<QString, QKKeyedUnarchiver::Factory> &registry()
 {
     static QHash<QString, QKKeyedUnarchiver::Factory> factories;
@@ -251,7 +257,7 @@ struct QKKeyedUnarchiver::Private
         } else {
             Factory factory;
             {
-                QMutexLocker lock(&registryMutex);
+                QMutexLocker lock(&registryMutex());
                 factory = registry().value(className);
             }
             if (!factory)
@@ -285,7 +291,7 @@ QKKeyedUnarchiver::~QKKeyedUnarchiver() = default;
 
 void QKKeyedUnarchiver::registerClass(const QString &className, Factory factory)
 {
-    QMutexLocker lock(&registryMutex);
+    QMutexLocker lock(&registryMutex());
     registry().insert(className, std::move(factory));
 }
 
