@@ -69,8 +69,10 @@ QStringList QKFeedbackItem::archiveClassChain() const
 
 void QKFeedbackItem::encodeWithCoder(QKKeyedArchiver &coder) const
 {
-    const QString image =
-        m_imagePNG.isEmpty() ? encodeToBase64String(m_image) : QKBase64::encodeWithLineBreaks(m_imagePNG);
+    // The PNG is kept once made: the local source rewrites every item on each change.
+    if (m_imagePNG.isEmpty() && !m_image.isNull())
+        m_imagePNG = QKPNGCodec::encode(m_image);
+    const QString image = QKBase64::encodeWithLineBreaks(m_imagePNG);
     coder.encodeObject(m_key, QStringLiteral("key"));
     coder.encodeObject(m_createdAt, QStringLiteral("createdAt"));
     coder.encodeObject(m_modifiedAt, QStringLiteral("modifiedAt"));

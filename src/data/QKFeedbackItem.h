@@ -61,8 +61,8 @@ public:
     /// The screenshot; a null image when there is none.
     QImage image() const { return m_image; }
     void setImage(const QImage &image);
-    /// The PNG bytes the image was read from, kept so that archiving an unchanged
-    /// image does not encode it again; null when the image was set in memory.
+    /// The image's PNG bytes as read from an archive or first archived, kept so that
+    /// an unchanged image is not encoded again; null until then, and after setImage.
     QByteArray imagePNGData() const { return m_imagePNG; }
 
     /// The image's PNG as Base64 text, lines of 64 characters joined by CR LF;
@@ -85,7 +85,7 @@ private:
     QString m_text;
     QString m_author;
     QImage m_image;
-    QByteArray m_imagePNG;
+    mutable QByteArray m_imagePNG;
     QString m_state;
     QVariantMap m_params;
 };

@@ -213,6 +213,9 @@ private slots:
         const auto back = root.value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
         QCOMPARE(back->image().size(), image.size());
         QCOMPARE(back->image().convertToFormat(QImage::Format_ARGB32), image);
+        // The PNG kept from the first archive is dropped with a new image.
+        item->setImage(sampleImage(5, 9));
+        QCOMPARE(roundTrip(item)->image().size(), QSize(5, 9));
         // The archive's layout (writesThePlatformLayout) holds this text, broken by CR LF.
         QVERIFY(QKFeedbackItem::encodeToBase64String(image).contains(QStringLiteral("\r\n")));
         QVERIFY(QKFeedbackItem::encodeToBase64String(QImage()).isNull());
