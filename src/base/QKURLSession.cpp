@@ -1,0 +1,349 @@
+#include "QKURLSession.h"
+
+#include <QCoreApplication>
+#include <QMutex>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPointer>
+#include <QSet>
+#include <QSslConfiguration>
+#include <QSslError>
+#include <QThread>
+#include <QTimer>
+
+namespace {
+
+QKError transportError(qint64 code, const QString &description)
+{
+    return QKError::withMessage(QString::fromLatin1(QKURLSession::ErrorDomain), code, description);
+}
+
+bool hasForbiddenByte(const QByteArray &text)
+{
+    return text.contains('\r') || text.contains('\n') || text.contains('\0');
+}
+
+QMutex &threadMutex()
+{
+    static QMutex mutex;
+    return mutex;
+}
+
+struct NetworkThread
+{
+    QThread *thread = nullptr;
+    QObject *context = nullptr; // lives on the thread; queued calls on it run there
+};
+
+NetworkThread &networkThreadState()
+{
+    static NetworkThread state;
+    QMutexLocker lock(&threadMutex());
+    if (!state.thread) {
+        state.thread = new QThread;
+        state.thread->setObjectName(QStringLiteral("Murmora network"));
+        state.context = new QObject;
+        state.context->moveToThread(state.thread);
+        state.thread->start();
+        // Stop it with the application, so that no thread outlives what it uses.
+        qAddPostRoutine([] {
+            QThread *running = networkThreadState().thread;
+            running->quit();
+            running->wait();
+        });
+    }
+    return state;
+}
+
+qint64 sslErrorCode(const QList<QSslError> &errors)
+{
+    for (const QSslError &error : errors) {
+        switch (error.error()) {
+        case QSslError::CertificateExpired:
+            return -1201;
+        case QSslError::CertificateNotYetValid:
+            return -1204;
+        default:
+            break;
+        }
+    }
+    return -1202;
+}
+
+qint64 replyErrorCode(QNetworkReply::NetworkError error)
+{
+    switch (error) {
+    case QNetworkReply::ConnectionRefusedError:
+    case QNetworkReply::ProxyConnectionRefusedError:
+        return -1004;
+    case QNetworkReply::RemoteHostClosedError:
+    case QNetworkReply::ProxyConnectionClosedError:
+        return -1005;
+    case QNetworkReply::HostNotFoundError:
+    case QNetworkReply::ProxyNotFoundError:
+        return -1003;
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::ProxyTimeoutError:
+        return -1001;
+    case QNetworkReply::OperationCanceledError:
+        return -999;
+    case QNetworkReply::SslHandshakeFailedError:
+        return -1200;
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+        return -1009;
+    case QNetworkReply::ProtocolUnknownError:
+        return -1002;
+    case QNetworkReply::TooManyRedirectsError:
+        return -1007;
+    case QNetworkReply::InsecureRedirectError:
+        return -1022; // an https request sent on to plain http
+    default:
+        return -1;
+    }
+}
+
+} // namespace
+
+// Lives on the network thread: owns the QNetworkAccessManager and the tasks in flight.
+class QKURLSessionWorker : public QObject
+{
+public:
+    struct Settings
+    {
+        QSslConfiguration tls;
+        int timeout = 60000;
+        qint64 resourceTimeout = qint64(7) * 24 * 3600 * 1000;
+        qint64 maximumSize = qint64(64) << 20;
+        quint64 generation = 0;
+    };
+
+    explicit QKURLSessionWorker(const Settings &settings) : m_settings(settings) {}
+
+    ~QKURLSessionWorker() override
+    {
+        // Cancel what is still running; each completion still runs, once.
+        const auto replies = m_replies;
+        for (QNetworkReply *reply : replies)
+            reply->abort();
+    }
+
+    void start(const QKURLRequest &request, const Settings &settings, const QKURLSession::Completion &completion)
+    {
+        const QString scheme = request.url.scheme().toLower();
+        if (!request.url.isValid() || request.url.host().isEmpty() ||
+            (scheme != QLatin1String("https") && scheme != QLatin1String("http"))) {
+            completion(QByteArray(), 0, transportError(-1002, QStringLiteral("unsupported URL")));
+            return;
+        }
+        if (!m_manager || settings.generation != m_settings.generation) {
+            // Qt reuses connections whatever their TLS settings; new settings, new connections.
+            if (m_manager)
+                m_manager->clearConnectionCache();
+            else
+                m_manager = new QNetworkAccessManager(this);
+            m_settings = settings;
+        }
+        QNetworkRequest networkRequest(request.url);
+        for (const auto &[name, value] : request.headers)
+            networkRequest.setRawHeader(name, value);
+        networkRequest.setSslConfiguration(m_settings.tls);
+        networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                                    QNetworkRequest::NoLessSafeRedirectPolicy);
+        networkRequest.setMaximumRedirectsAllowed(16);
+        QNetworkReply *reply = m_manager->sendCustomRequest(networkRequest, request.method, request.body);
+        m_replies.insert(reply);
+
+        struct State
+        {
+            bool timedOut = false;
+            bool tooLarge = false;
+            std::optional<qint64> certificateCode;
+        };
+        auto state = std::make_shared<State>();
+        auto *idle = new QTimer(reply);
+        idle->setSingleShot(true);
+        idle->setInterval(m_settings.timeout);
+        auto *overall = new QTimer(reply);
+        overall->setSingleShot(true);
+        const auto timeOut = [reply, state] {
+            state->timedOut = true;
+            reply->abort();
+        };
+        QObject::connect(idle, &QTimer::timeout, reply, timeOut);
+        QObject::connect(overall, &QTimer::timeout, reply, timeOut);
+        idle->start();
+        overall->start(int(qMin<qint64>(m_settings.resourceTimeout, std::numeric_limits<int>::max())));
+        const qint64 cap = m_settings.maximumSize;
+        QObject::connect(reply, &QNetworkReply::uploadProgress, idle, qOverload<>(&QTimer::start));
+        QObject::connect(reply, &QNetworkReply::downloadProgress, reply,
+                         [reply, state, idle, cap](qint64 received, qint64 total) {
+                             idle->start();
+                             if (received > cap || total > cap) {
+                                 state->tooLarge = true;
+                                 reply->abort();
+                             }
+                         });
+        QObject::connect(reply, &QNetworkReply::sslErrors, reply,
+                         [state](const QList<QSslError> &errors) { state->certificateCode = sslErrorCode(errors); });
+        QObject::connect(reply, &QNetworkReply::finished, this, [this, reply, state, completion] {
+            m_replies.remove(reply);
+            reply->deleteLater();
+            const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+            const QNetworkReply::NetworkError error = reply->error();
+            if (state->timedOut) {
+                completion(QByteArray(), 0, transportError(-1001, QStringLiteral("The request timed out.")));
+            } else if (state->tooLarge) {
+                completion(QByteArray(), 0,
+                           transportError(-1103, QStringLiteral("The resource exceeds the maximum size.")));
+            } else if (error == QNetworkReply::NoError || (status.isValid() && isHttpStatusError(error))) {
+                completion(reply->readAll(), status.toInt(), std::nullopt);
+            } else {
+                qint64 code = replyErrorCode(error);
+                if (error == QNetworkReply::SslHandshakeFailedError && state->certificateCode)
+                    code = *state->certificateCode;
+                completion(QByteArray(), status.toInt(), transportError(code, reply->errorString()));
+            }
+        });
+    }
+
+private:
+    static bool isHttpStatusError(QNetworkReply::NetworkError error)
+    {
+        // Qt's errors for answers with a 4xx or 5xx status.
+        return (error >= QNetworkReply::ContentAccessDenied && error <= QNetworkReply::UnknownContentError) ||
+               (error >= QNetworkReply::ProtocolInvalidOperationError && error <= QNetworkReply::UnknownServerError) ||
+               error == QNetworkReply::ProtocolFailure;
+    }
+
+    Settings m_settings;
+    QNetworkAccessManager *m_manager = nullptr;
+    QSet<QNetworkReply *> m_replies;
+};
+
+struct QKURLSession::Private
+{
+    QMutex mutex;
+    QKURLSessionWorker::Settings settings;
+    QPointer<QKURLSessionWorker> worker; // made and used on the network thread only
+
+    QKURLSessionWorker::Settings snapshot()
+    {
+        QMutexLocker lock(&mutex);
+        return settings;
+    }
+};
+
+void QKURLRequest::setHeader(const QByteArray &name, const QByteArray &value)
+{
+    for (auto &header : headers) {
+        if (header.first.compare(name, Qt::CaseInsensitive) == 0) {
+            header.second = value;
+            return;
+        }
+    }
+    headers.append({name, value});
+}
+
+QByteArray QKURLRequest::header(const QByteArray &name) const
+{
+    for (const auto &header : headers)
+        if (header.first.compare(name, Qt::CaseInsensitive) == 0)
+            return header.second;
+    return QByteArray();
+}
+
+QKURLSession::QKURLSession() : d(std::make_shared<Private>())
+{
+    d->settings.tls = QSslConfiguration::defaultConfiguration();
+    d->settings.tls.setPeerVerifyMode(QSslSocket::VerifyPeer);
+}
+
+QKURLSession::~QKURLSession()
+{
+    // The worker goes on its own thread, after the tasks already posted have started;
+    // it cancels whatever is still running.
+    auto shutdown = [d = d] { delete d->worker.data(); };
+    const NetworkThread &network = networkThreadState();
+    if (QThread::currentThread() == network.thread || !network.thread->isRunning())
+        shutdown();
+    else
+        QMetaObject::invokeMethod(network.context, shutdown, Qt::QueuedConnection);
+}
+
+QSharedPointer<QKURLSession> QKURLSession::sharedSession()
+{
+    static auto *shared = new QSharedPointer<QKURLSession>(new QKURLSession);
+    return *shared;
+}
+
+QThread *QKURLSession::networkThread()
+{
+    return networkThreadState().thread;
+}
+
+void QKURLSession::addCaCertificates(const QList<QSslCertificate> &certificates)
+{
+    QMutexLocker lock(&d->mutex);
+    d->settings.tls.addCaCertificates(certificates);
+    ++d->settings.generation;
+}
+
+void QKURLSession::setTimeoutInterval(int msecs)
+{
+    QMutexLocker lock(&d->mutex);
+    d->settings.timeout = msecs;
+}
+
+int QKURLSession::timeoutInterval() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->settings.timeout;
+}
+
+void QKURLSession::setResourceTimeout(qint64 msecs)
+{
+    QMutexLocker lock(&d->mutex);
+    d->settings.resourceTimeout = msecs;
+}
+
+void QKURLSession::setMaximumResponseSize(qint64 bytes)
+{
+    QMutexLocker lock(&d->mutex);
+    d->settings.maximumSize = bytes;
+}
+
+qint64 QKURLSession::maximumResponseSize() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->settings.maximumSize;
+}
+
+void QKURLSession::dataTask(const QKURLRequest &request, Completion completion)
+{
+    std::optional<QKError> refused;
+    for (const auto &[name, value] : request.headers) {
+        // A header holding a line break would let a value inject headers of its own.
+        if (name.isEmpty() || hasForbiddenByte(name) || name.contains(':') || hasForbiddenByte(value))
+            refused = transportError(-1002, QStringLiteral("unsupported URL: a header holds a line break or NUL"));
+    }
+    const auto settings = d->snapshot();
+    std::weak_ptr<Private> weak = d;
+    QMetaObject::invokeMethod(
+        networkThreadState().context,
+        [weak, request, settings, completion, refused] {
+            if (refused) {
+                completion(QByteArray(), 0, refused);
+                return;
+            }
+            auto d = weak.lock();
+            if (!d) {
+                completion(QByteArray(), 0, transportError(-999, QStringLiteral("cancelled")));
+                return;
+            }
+            if (!d->worker)
+                d->worker = new QKURLSessionWorker(settings);
+            d->worker->start(request, settings, completion);
+        },
+        Qt::QueuedConnection);
+}

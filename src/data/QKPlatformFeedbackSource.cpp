@@ -1,0 +1,433 @@
+#include "QKPlatformFeedbackSource.h"
+
+#include "../base/QKBase64.h"
+#include "../base/QKDeviceInfo.h"
+#include "../base/QKDispatch.h"
+#include "../base/QKException.h"
+#include "../base/QKLocalizedString.h"
+#include "../base/QKPNGCodec.h"
+#include "../base/QKServiceDate.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSemaphore>
+
+#include <cmath>
+#include <limits>
+
+namespace {
+
+const QByteArray SortNewestFirst = QByteArrayLiteral("{\"CreatedAt\" : -1}");
+
+// How the platform prints a nil object into a format.
+QString orNull(const QString &text)
+{
+    return text.isNull() ? QStringLiteral("(null)") : text;
+}
+
+// The URL text is built first and then parsed, as it stands.
+QUrl parseURL(const QString &text)
+{
+    return QUrl(text, QUrl::StrictMode);
+}
+
+QKError serviceError(qint64 code, const QString &message)
+{
+    return QKError::withMessage(QKLocalizedString("Wendax Platform"), code, message);
+}
+
+QKError transportFailure(const QKError &transport, const char *message)
+{
+    return serviceError(transport.code, QKLocalizedString(message));
+}
+
+// The "code" of an error answer as a 32-bit signed integer, whether number or text.
+qint64 serviceCode(const QJsonValue &value)
+{
+    if (value.isDouble()) {
+        const double number = value.toDouble();
+        if (std::isnan(number))
+            return 0;
+        return qint64(qint32(qBound<double>(std::numeric_limits<qint32>::min(), std::trunc(number),
+                                            std::numeric_limits<qint32>::max())));
+    }
+    if (value.isBool())
+        return value.toBool() ? 1 : 0;
+    if (!value.isString())
+        return 0;
+    // Leading blanks, a sign and digits, like the platform's intValue; saturating.
+    const QString text = value.toString().trimmed();
+    qsizetype at = 0;
+    bool negative = false;
+    if (at < text.size() && (text[at] == QLatin1Char('+') || text[at] == QLatin1Char('-')))
+        negative = text[at++] == QLatin1Char('-');
+    qint64 result = 0;
+    for (; at < text.size() && text[at].isDigit() && text[at].unicode() < 128; ++at) {
+        result = result * 10 + (text[at].unicode() - '0');
+        if (result > qint64(std::numeric_limits<qint32>::max()) + 1)
+            break;
+    }
+    result = negative ? -result : result;
+    return qBound(qint64(std::numeric_limits<qint32>::min()), result, qint64(std::numeric_limits<qint32>::max()));
+}
+
+// The service's error answer in `value`, if it is one. JSON null counts as absent.
+std::optional<QKError> errorAnswer(const QJsonValue &value, const char *fixedMessage)
+{
+    if (!value.isObject())
+        return std::nullopt;
+    const QJsonObject object = value.toObject();
+    const QJsonValue code = object.value(QStringLiteral("code"));
+    if (code.isUndefined() || code.isNull())
+        return std::nullopt;
+    const QJsonValue message = object.value(QStringLiteral("message"));
+    return serviceError(serviceCode(code), message.isString() ? message.toString() : QKLocalizedString(fixedMessage));
+}
+
+QJsonValue parseJSON(const QByteArray &body)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(body, &error);
+    if (error.error != QJsonParseError::NoError)
+        return QJsonValue(QJsonValue::Undefined);
+    if (document.isArray())
+        return document.array();
+    if (document.isObject())
+        return document.object();
+    return QJsonValue(QJsonValue::Undefined);
+}
+
+QString stringField(const QJsonObject &object, const char *key)
+{
+    const QJsonValue value = object.value(QLatin1String(key));
+    return value.isString() ? value.toString() : QString();
+}
+
+QDateTime dateField(const QJsonObject &object, const char *key)
+{
+    const QJsonValue value = object.value(QLatin1String(key));
+    return value.isString() ? QKServiceDate::parse(value.toString()) : QDateTime();
+}
+
+// The fields a thread object gives every record: dates, key, text, author.
+void readThread(QKFeedbackItem &item, const QJsonObject &thread)
+{
+    item.setCreatedAt(dateField(thread, "CreatedAt"));
+    item.setModifiedAt(dateField(thread, "ModifiedAt"));
+    item.setKey(stringField(thread, "Id"));
+    item.setText(stringField(thread, "Text"));
+    item.setAuthor(stringField(thread, "Author"));
+}
+
+QKFeedbackItemList readThreads(const QJsonValue &answer, bool listing)
+{
+    QKFeedbackItemList items;
+    items.reserve(4);
+    for (const QJsonValue &element : answer.toArray()) {
+        if (!element.isObject())
+            continue;
+        const QJsonObject thread = element.toObject();
+        auto item = QKFeedbackItem::create();
+        readThread(*item, thread);
+        if (listing) {
+            item->setState(stringField(thread, "State"));
+            QVariantMap params;
+            const QJsonValue image = thread.value(QStringLiteral("Image"));
+            if (image.isObject() && image.toObject().value(QStringLiteral("Uri")).isString())
+                params.insert(QStringLiteral("ImageUri"), image.toObject().value(QStringLiteral("Uri")).toString());
+            const QJsonValue count = thread.value(QStringLiteral("CommentsCount"));
+            if (!count.isUndefined() && !count.isNull())
+                params.insert(QStringLiteral("CommentsCount"), count.toVariant());
+            item->setParams(params);
+        }
+        items.append(item);
+    }
+    return items;
+}
+
+QByteArray json(const QJsonObject &object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+} // namespace
+
+QString QKPlatformFeedbackSource::defaultBaseURL()
+{
+    return QStringLiteral("https://platform.wendax.com/feedback/api/v1");
+}
+
+QKPlatformFeedbackSource::QKPlatformFeedbackSource(QObject *parent)
+    : QKFeedbackDataSource(parent), m_baseURL(defaultBaseURL()), m_session(QKURLSession::sharedSession())
+{}
+
+QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, QObject *parent)
+    : QKPlatformFeedbackSource(key, QString(), parent)
+{}
+
+QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QString &uid, QObject *parent)
+    : QKPlatformFeedbackSource(parent)
+{
+    m_apiKey = key;
+    m_uid = uid;
+}
+
+QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QString &uid, const QString &url,
+                                                   const QVariantMap &params, QObject *parent)
+    : QKPlatformFeedbackSource(key, uid, parent)
+{
+    setBaseURL(url);
+    setParameters(params);
+}
+
+void QKPlatformFeedbackSource::validateService() const
+{
+    if (m_uid.isNull())
+        throw QKException(
+            QStringLiteral("QKPlatformFeedbackSource"),
+            QStringLiteral("Please provide the UID property to work properly with Wendax Platform service."));
+}
+
+QJsonObject QKPlatformFeedbackSource::systemInfo() const
+{
+    QJsonObject info;
+    const QString model = QKDeviceInfo::model();
+    if (!model.isNull())
+        info.insert(QStringLiteral("Model"), model);
+    const QString version = QKDeviceInfo::systemVersion();
+    if (!version.isNull())
+        info.insert(QStringLiteral("OSVersion"), version);
+    info.insert(QStringLiteral("Uuid"), m_uid);
+    info.insert(QStringLiteral("AppId"), QKDeviceInfo::applicationIdentifier());
+    const QString appVersion = QKDeviceInfo::applicationVersion();
+    if (!appVersion.isNull())
+        info.insert(QStringLiteral("AppVersion"), appVersion);
+    // Points, not pixels, whatever the keys say: the service stores what it is given.
+    const QSizeF screen = QKDeviceInfo::screenSize();
+    info.insert(QStringLiteral("WidthInPixels"), double(screen.width() > 0 ? screen.width() : 0));
+    info.insert(QStringLiteral("HeightInPixels"), double(screen.height() > 0 ? screen.height() : 0));
+    return info;
+}
+
+QUrl QKPlatformFeedbackSource::collectionURL() const
+{
+    return parseURL(QStringLiteral("%1/%2/threads").arg(orNull(m_baseURL), orNull(m_apiKey)));
+}
+
+QUrl QKPlatformFeedbackSource::threadURL(const QString &key) const
+{
+    return parseURL(QStringLiteral("%1/%2/threads/%3").arg(orNull(m_baseURL), orNull(m_apiKey), orNull(key)));
+}
+
+QString QKPlatformFeedbackSource::authorValue() const
+{
+    // No name at all is sent as anonymous too.
+    if (m_userName.isNull() || m_userName.compare(QLatin1String("Anonymous"), Qt::CaseInsensitive) == 0)
+        return QStringLiteral("");
+    return m_userName;
+}
+
+bool QKPlatformFeedbackSource::implements(Operation operation) const
+{
+    return operation != Operation::UserEmail;
+}
+
+void QKPlatformFeedbackSource::feedbackItems(ItemsCompletion completionHandler)
+{
+    feedbackItemsByState(QString(), std::move(completionHandler));
+}
+
+void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, ItemsCompletion completionHandler)
+{
+    feedbackItemsByState(state, 0, std::move(completionHandler));
+}
+
+void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, qint64 skip,
+                                                    ItemsCompletion completionHandler)
+{
+    QKURLRequest request;
+    request.url = collectionURL();
+    request.setHeader("x-sort-meta", SortNewestFirst);
+    validateService();
+    // Values go in verbatim, as the service's filters expect.
+    const QString filter =
+        state.isNull() ? QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}]}").arg(m_uid)
+                       : QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}, {\"State\" : \"%2\"}]}")
+                             .arg(m_uid, state);
+    request.setHeader("x-filter-meta", filter.toUtf8());
+    request.setHeader("x-skip-meta", QByteArray::number(skip));
+    m_session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+        if (error) {
+            completionHandler(std::nullopt, transportFailure(*error, "Feedback could not be retrieved"));
+            return;
+        }
+        const QJsonValue answer = parseJSON(body);
+        if (auto failure = errorAnswer(answer, "Feedback could not be retrieved")) {
+            completionHandler(std::nullopt, failure);
+            return;
+        }
+        completionHandler(readThreads(answer, true), std::nullopt);
+    });
+}
+
+void QKPlatformFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
+{
+    validateService();
+    sendFeedback(item, systemInfo(), std::move(completionHandler));
+}
+
+void QKPlatformFeedbackSource::sendFeedback(const QKFeedbackItemPtr &item, const QJsonObject &info,
+                                            ErrorCompletion completionHandler)
+{
+    QKURLRequest request;
+    request.url = collectionURL();
+    request.method = "POST";
+    request.setHeader("Content-Type", "application/json");
+    validateService();
+    if (item->text().isNull())
+        throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A feedback item needs a text."));
+    QJsonObject image{{QStringLiteral("Filename"), QStringLiteral("nimbrel.png")},
+                      {QStringLiteral("ContentType"), QStringLiteral("image/png")}};
+    if (!item->image().isNull())
+        image.insert(QStringLiteral("base64"), QKFeedbackItem::encodeToBase64String(item->image()));
+    QJsonObject body{{QStringLiteral("Image"), image},
+                     {QStringLiteral("Text"), item->text()},
+                     {QStringLiteral("Author"), authorValue()},
+                     {QStringLiteral("Uid"), m_uid},
+                     {QStringLiteral("SystemInfo"), info}};
+    for (auto it = m_parameters.cbegin(); it != m_parameters.cend(); ++it)
+        if (!body.contains(it.key()))
+            body.insert(it.key(), QJsonValue::fromVariant(it.value()));
+    request.body = json(body);
+    send(request, "Feedback could not be send", std::move(completionHandler));
+}
+
+void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler)
+{
+    // Checked here, on the caller's thread, so that nothing throws on the worker.
+    if (!items.isEmpty())
+        validateService();
+    for (const auto &item : items)
+        if (item->text().isNull())
+            throw QKException(QStringLiteral("QKPlatformFeedbackSource"),
+                              QStringLiteral("A feedback item needs a text."));
+    // Screen information is read here, on the caller's (GUI) thread.
+    const QJsonObject info = items.isEmpty() ? QJsonObject() : systemInfo();
+    // The worker sends through a copy, so this source may go (or change) meanwhile.
+    auto source = QSharedPointer<QKPlatformFeedbackSource>(
+        new QKPlatformFeedbackSource(m_apiKey, m_uid, m_baseURL, m_parameters), &QObject::deleteLater);
+    source->setUserName(m_userName);
+    source->setSession(m_session);
+    QKDispatch::async(QKDispatch::globalQueue(), [source, items, info, completionHandler] {
+        std::optional<QKError> shared;
+        for (const auto &item : items) {
+            QSemaphore done;
+            source->sendFeedback(item, info, [&shared, &done](std::optional<QKError> error) {
+                if (error)
+                    shared = error;
+                done.release();
+            });
+            done.acquire();
+            if (shared)
+                break;
+        }
+        completionHandler(shared);
+    });
+}
+
+void QKPlatformFeedbackSource::editWithKey(const QString &key, const QString &state, ErrorCompletion completionHandler)
+{
+    QKURLRequest request;
+    request.url = collectionURL();
+    request.method = "PUT";
+    request.setHeader("Content-Type", "application/json");
+    request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
+    request.body = json(QJsonObject{{QStringLiteral("State"), state.isNull() ? QJsonValue() : QJsonValue(state)}});
+    send(request, "Feedback could not be edit", std::move(completionHandler));
+}
+
+void QKPlatformFeedbackSource::deleteWithKey(const QString &key, ErrorCompletion completionHandler)
+{
+    QKURLRequest request;
+    request.url = threadURL(key);
+    request.method = "DELETE";
+    send(request, "Feedback could not be deleted", std::move(completionHandler));
+}
+
+void QKPlatformFeedbackSource::send(const QKURLRequest &request, const char *failureMessage,
+                                    ErrorCompletion completionHandler)
+{
+    m_session->dataTask(request,
+                        [completionHandler, failureMessage](const QByteArray &body, int, std::optional<QKError> error) {
+                            if (error) {
+                                completionHandler(transportFailure(*error, failureMessage));
+                                return;
+                            }
+                            completionHandler(errorAnswer(parseJSON(body), failureMessage));
+                        });
+}
+
+void QKPlatformFeedbackSource::imageForKey(const QString &key, ImageCompletion completionHandler)
+{
+    QKURLRequest request;
+    request.url = parseURL(key);
+    m_session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+        if (error) {
+            completionHandler(QImage(), transportFailure(*error, "Feedback screenshot could not be retrieved"));
+            return;
+        }
+        completionHandler(QKPNGCodec::decode(body), std::nullopt);
+    });
+}
+
+void QKPlatformFeedbackSource::subItemsForKey(const QString &key, ItemsCompletion completionHandler)
+{
+    QKURLRequest request;
+    request.url = collectionURL();
+    request.setHeader("x-sort-meta", SortNewestFirst);
+    request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
+    m_session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+        if (error) {
+            completionHandler(std::nullopt, transportFailure(*error, "Feedback comments could not be retrieved"));
+            return;
+        }
+        const QJsonValue answer = parseJSON(body);
+        if (auto failure = errorAnswer(answer, "Feedback comments could not be retrieved")) {
+            completionHandler(std::nullopt, failure);
+            return;
+        }
+        completionHandler(readThreads(answer, false), std::nullopt);
+    });
+}
+
+void QKPlatformFeedbackSource::addSubItemForKey(const QString &key, const QKFeedbackItemPtr &subItem,
+                                                ErrorCompletion completionHandler)
+{
+    if (m_uid.isNull())
+        throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A comment needs the UID."));
+    if (subItem->text().isNull())
+        throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A comment needs a text."));
+    QKURLRequest request;
+    request.url = threadURL(key);
+    request.method = "POST";
+    request.setHeader("Content-Type", "application/json");
+    request.body = json(QJsonObject{{QStringLiteral("Text"), subItem->text()},
+                                    {QStringLiteral("Author"), authorValue()},
+                                    {QStringLiteral("Uid"), m_uid},
+                                    {QStringLiteral("SystemInfo"), systemInfo()}});
+    m_session->dataTask(request,
+                        [subItem, completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+                            if (error) {
+                                completionHandler(transportFailure(*error, "Feedback comments could not be send"));
+                                return;
+                            }
+                            const QJsonValue answer = parseJSON(body);
+                            if (auto failure = errorAnswer(answer, "Feedback comments could not be send")) {
+                                completionHandler(failure);
+                                return;
+                            }
+                            // Absent fields clear the record's: it takes what the service stored.
+                            readThread(*subItem, answer.toObject());
+                            completionHandler(std::nullopt);
+                        });
+}
