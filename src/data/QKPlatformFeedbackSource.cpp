@@ -45,11 +45,11 @@ QKError transportFailure(const QKError &transport, const char *message)
 qint64 serviceCode(const QJsonValue &value)
 {
     if (value.isDouble()) {
-        const double number = value.toDouble();
-        if (std::isnan(number))
+        // Whole numbers keep their low 32 bits, as a C conversion to int does.
+        const double number = std::trunc(value.toDouble());
+        if (!(std::fabs(number) < 9.2e18))
             return 0;
-        return qint64(qint32(qBound<double>(std::numeric_limits<qint32>::min(), std::trunc(number),
-                                            std::numeric_limits<qint32>::max())));
+        return qint64(qint32(quint32(quint64(qint64(number)))));
     }
     if (value.isBool())
         return value.toBool() ? 1 : 0;

@@ -1,0 +1,116 @@
+#pragma once
+
+// A fake of the hosted feedback service: an HTTPS server on 127.0.0.1 with an
+// in-memory thread store, recorded requests and canned answers. It runs on the
+// thread that created it; clients talk to it from other threads.
+
+#include <QByteArray>
+#include <QHash>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QList>
+#include <QMetaType>
+#include <QMutex>
+#include <QObject>
+#include <QPair>
+#include <QRegularExpression>
+#include <QSslCertificate>
+#include <QString>
+
+#include <memory>
+
+class QSslServer;
+class QSslSocket;
+
+struct RecordedRequest
+{
+    QByteArray method;
+    QByteArray target;
+    QList<QPair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+    // Repeated headers are joined with ", ", as HTTP defines.
+    QByteArray header(const QByteArray &name) const;
+    bool hasHeader(const QByteArray &name) const;
+};
+Q_DECLARE_METATYPE(RecordedRequest)
+
+class FakeService : public QObject
+{
+    Q_OBJECT
+public:
+    enum class Certificate { Trusted, Untrusted };
+    explicit FakeService(Certificate certificate = Certificate::Trusted, QObject *parent = nullptr);
+    ~FakeService() override;
+    bool listen();
+    quint16 port() const;
+    QString origin() const;
+    QString baseUrl() const;
+    static QString certsDirectory();
+    static QList<QSslCertificate> caCertificates();
+
+    QList<RecordedRequest> requests() const;
+    void clearRequests();
+
+    struct Answer
+    {
+        int status = 200;
+        QByteArray body;
+        QByteArray contentType = "application/json";
+        int delayMs = 0;
+        bool dropConnection = false;
+        bool neverAnswer = false;
+        qint64 bodyBytes = -1;
+    };
+    // The pattern is searched for anywhere in the raw target; anchor it with ^ and $ to match all of it.
+    void answer(const QByteArray &method, const QString &targetPattern, const Answer &answer, int times = -1);
+    void answerServiceError(const QByteArray &method, const QString &targetPattern, int code, const QString &message,
+                            int status = 400);
+    void clearAnswers();
+
+    QJsonArray threads(const QString &apiKey) const;
+    // An "Image" with "base64" is stored as a POST would store it.
+    QJsonObject addThread(const QString &apiKey, QJsonObject thread);
+    // Takes the whole "Uri" or only its path.
+    QByteArray storedImage(const QString &uriPath) const;
+
+signals:
+    void requestReceived(const RecordedRequest &request);
+
+private:
+    struct Connection;
+    struct Reply;
+    struct CannedAnswer
+    {
+        QByteArray method;
+        QRegularExpression pattern;
+        Answer answer;
+        int remaining = -1;
+    };
+
+    void acceptConnections();
+    void readRequests(QSslSocket *socket);
+    void handle(QSslSocket *socket, RecordedRequest request);
+    void send(QSslSocket *socket, const Reply &reply);
+    void pumpBody(QSslSocket *socket);
+    void finishReply(QSslSocket *socket);
+    void dropConnection(QSslSocket *socket);
+    bool takeCannedAnswer(const RecordedRequest &request, Answer *answer);
+    Reply serve(const RecordedRequest &request);
+    Reply serveThreads(const RecordedRequest &request, const QString &apiKey, const QString &threadId);
+    QJsonObject storeThread(const QString &apiKey, QJsonObject thread, const QString &rootId);
+    void storeImage(QJsonObject &thread);
+    QString nextTimestamp();
+    QString nextId();
+
+    Certificate m_certificate;
+    QSslServer *m_server = nullptr;
+    QHash<QSslSocket *, std::shared_ptr<Connection>> m_connections;
+
+    mutable QMutex m_mutex;
+    QList<RecordedRequest> m_requests;
+    QList<CannedAnswer> m_answers;
+    QHash<QString, QList<QJsonObject>> m_threads;
+    QHash<QString, QByteArray> m_images;
+    qint64 m_lastTimestampMs = 0;
+    quint32 m_idCounter = 0;
+};
