@@ -1,22 +1,66 @@
 #include "QKDispatch.h"
 
 #include "QKException.h"
+#include "QKThreadHandOff_p.h"
 
 #include <QCoreApplication>
 #include <QThread>
 #include <QThreadPool>
 
+#include <deque>
+#include <mutex>
+
 namespace {
 
-// The application object lives on the main thread for the application's lifetime,
-// so queued calls on it run in the main event loop.
-QObject *mainContext()
+// Lives on the main thread for the rest of the process. Made by the application's
+// constructor, on that thread, so that every thread that posts sees it whole.
+std::mutex mainMutex;
+QKThreadHandOff *mainHandOffObject = nullptr;
+
+void createMainHandOff()
 {
-    auto *app = QCoreApplication::instance();
-    if (!app)
-        throw QKException(QStringLiteral("QKDispatch"), QStringLiteral("the main queue needs a QCoreApplication"));
-    return app;
+    std::lock_guard lock(mainMutex);
+    if (!mainHandOffObject)
+        mainHandOffObject = new QKThreadHandOff;
 }
+Q_COREAPP_STARTUP_FUNCTION(createMainHandOff)
+
+QKThreadHandOff *mainHandOff()
+{
+    std::lock_guard lock(mainMutex);
+    if (!mainHandOffObject || !QCoreApplication::instance())
+        throw QKException(QStringLiteral("QKDispatch"), QStringLiteral("the main queue needs a QCoreApplication"));
+    return mainHandOffObject;
+}
+
+// The global queue's blocks, taken one per runnable, in the order posted.
+struct GlobalBlocks
+{
+    std::mutex mutex;
+    std::deque<std::function<void()>> blocks;
+};
+
+GlobalBlocks &globalBlocks()
+{
+    static GlobalBlocks blocks;
+    return blocks;
+}
+
+class GlobalRunnable : public QRunnable
+{
+public:
+    void run() override
+    {
+        std::function<void()> block;
+        {
+            GlobalBlocks &global = globalBlocks();
+            std::lock_guard lock(global.mutex);
+            block = std::move(global.blocks.front());
+            global.blocks.pop_front();
+        }
+        block();
+    }
+};
 
 } // namespace
 
@@ -34,11 +78,17 @@ void QKDispatch::async(const QKDispatchQueue &queue, std::function<void()> block
 {
     switch (queue.m_kind) {
     case QKDispatchQueue::Kind::Main:
-        QMetaObject::invokeMethod(mainContext(), std::move(block), Qt::QueuedConnection);
+        mainHandOff()->post(std::move(block));
         break;
-    case QKDispatchQueue::Kind::Global:
-        QThreadPool::globalInstance()->start(std::move(block));
+    case QKDispatchQueue::Kind::Global: {
+        GlobalBlocks &global = globalBlocks();
+        {
+            std::lock_guard lock(global.mutex);
+            global.blocks.push_back(std::move(block));
+        }
+        QThreadPool::globalInstance()->start(new GlobalRunnable);
         break;
+    }
     }
 }
 

@@ -1,5 +1,7 @@
 #include "QKURLSession.h"
 
+#include "QKThreadHandOff_p.h"
+
 #include <QCoreApplication>
 #include <QMutex>
 #include <QNetworkAccessManager>
@@ -32,7 +34,7 @@ QMutex &threadMutex()
 struct NetworkThread
 {
     QThread *thread = nullptr;
-    QObject *context = nullptr; // lives on the thread; queued calls on it run there
+    QKThreadHandOff *context = nullptr; // lives on the thread; blocks posted to it run there
 };
 
 NetworkThread &networkThreadState()
@@ -42,7 +44,7 @@ NetworkThread &networkThreadState()
     if (!state.thread) {
         state.thread = new QThread;
         state.thread->setObjectName(QStringLiteral("Murmora network"));
-        state.context = new QObject;
+        state.context = new QKThreadHandOff;
         state.context->moveToThread(state.thread);
         state.thread->start();
         // Stop it with the application, so that no thread outlives what it uses.
@@ -268,7 +270,7 @@ QKURLSession::~QKURLSession()
     if (QThread::currentThread() == network.thread || !network.thread->isRunning())
         shutdown();
     else
-        QMetaObject::invokeMethod(network.context, shutdown, Qt::QueuedConnection);
+        network.context->post(shutdown);
 }
 
 QSharedPointer<QKURLSession> QKURLSession::sharedSession()
@@ -329,21 +331,18 @@ void QKURLSession::dataTask(const QKURLRequest &request, Completion completion)
     }
     const auto settings = d->snapshot();
     std::weak_ptr<Private> weak = d;
-    QMetaObject::invokeMethod(
-        networkThreadState().context,
-        [weak, request, settings, completion, refused] {
-            if (refused) {
-                completion(QByteArray(), 0, refused);
-                return;
-            }
-            auto d = weak.lock();
-            if (!d) {
-                completion(QByteArray(), 0, transportError(-999, QStringLiteral("cancelled")));
-                return;
-            }
-            if (!d->worker)
-                d->worker = new QKURLSessionWorker(settings);
-            d->worker->start(request, settings, completion);
-        },
-        Qt::QueuedConnection);
+    networkThreadState().context->post([weak, request, settings, completion, refused] {
+        if (refused) {
+            completion(QByteArray(), 0, refused);
+            return;
+        }
+        auto d = weak.lock();
+        if (!d) {
+            completion(QByteArray(), 0, transportError(-999, QStringLiteral("cancelled")));
+            return;
+        }
+        if (!d->worker)
+            d->worker = new QKURLSessionWorker(settings);
+        d->worker->start(request, settings, completion);
+    });
 }

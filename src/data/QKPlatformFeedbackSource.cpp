@@ -10,9 +10,9 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSemaphore>
 
 #include <cmath>
+#include <semaphore>
 #include <limits>
 
 namespace {
@@ -150,6 +150,44 @@ QByteArray json(const QJsonObject &object)
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
+template <class Properties>
+QUrl collectionURL(const Properties &p)
+{
+    return parseURL(QStringLiteral("%1/%2/threads").arg(orNull(p.baseURL), orNull(p.apiKey)));
+}
+
+template <class Properties>
+QUrl threadURL(const Properties &p, const QString &key)
+{
+    return parseURL(QStringLiteral("%1/%2/threads/%3").arg(orNull(p.baseURL), orNull(p.apiKey), orNull(key)));
+}
+
+// No name at all is sent as anonymous too.
+QString authorValue(const QString &userName)
+{
+    if (userName.isNull() || userName.compare(QLatin1String("Anonymous"), Qt::CaseInsensitive) == 0)
+        return QStringLiteral("");
+    return userName;
+}
+
+void send(const QSharedPointer<QKURLSession> &session, const QKURLRequest &request, const char *failureMessage,
+          QKFeedbackDataSource::ErrorCompletion completionHandler)
+{
+    session->dataTask(request,
+                      [completionHandler, failureMessage](const QByteArray &body, int, std::optional<QKError> error) {
+                          if (error) {
+                              completionHandler(transportFailure(*error, failureMessage));
+                              return;
+                          }
+                          completionHandler(errorAnswer(parseJSON(body), failureMessage));
+                      });
+}
+
+[[noreturn]] void missingText()
+{
+    throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A feedback item needs a text."));
+}
+
 } // namespace
 
 QString QKPlatformFeedbackSource::defaultBaseURL()
@@ -157,9 +195,11 @@ QString QKPlatformFeedbackSource::defaultBaseURL()
     return QStringLiteral("https://platform.wendax.com/feedback/api/v1");
 }
 
-QKPlatformFeedbackSource::QKPlatformFeedbackSource(QObject *parent)
-    : QKFeedbackDataSource(parent), m_baseURL(defaultBaseURL()), m_session(QKURLSession::sharedSession())
-{}
+QKPlatformFeedbackSource::QKPlatformFeedbackSource(QObject *parent) : QKFeedbackDataSource(parent)
+{
+    m_p.baseURL = defaultBaseURL();
+    m_p.session = QKURLSession::sharedSession();
+}
 
 QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, QObject *parent)
     : QKPlatformFeedbackSource(key, QString(), parent)
@@ -168,8 +208,8 @@ QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, QObject *
 QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QString &uid, QObject *parent)
     : QKPlatformFeedbackSource(parent)
 {
-    m_apiKey = key;
-    m_uid = uid;
+    m_p.apiKey = key;
+    m_p.uid = uid;
 }
 
 QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QString &uid, const QString &url,
@@ -182,7 +222,7 @@ QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QSt
 
 void QKPlatformFeedbackSource::validateService() const
 {
-    if (m_uid.isNull())
+    if (m_p.uid.isNull())
         throw QKException(
             QStringLiteral("QKPlatformFeedbackSource"),
             QStringLiteral("Please provide the UID property to work properly with Wendax Platform service."));
@@ -197,7 +237,7 @@ QJsonObject QKPlatformFeedbackSource::systemInfo() const
     const QString version = QKDeviceInfo::systemVersion();
     if (!version.isNull())
         info.insert(QStringLiteral("OSVersion"), version);
-    info.insert(QStringLiteral("Uuid"), m_uid);
+    info.insert(QStringLiteral("Uuid"), m_p.uid);
     info.insert(QStringLiteral("AppId"), QKDeviceInfo::applicationIdentifier());
     const QString appVersion = QKDeviceInfo::applicationVersion();
     if (!appVersion.isNull())
@@ -207,24 +247,6 @@ QJsonObject QKPlatformFeedbackSource::systemInfo() const
     info.insert(QStringLiteral("WidthInPixels"), double(screen.width() > 0 ? screen.width() : 0));
     info.insert(QStringLiteral("HeightInPixels"), double(screen.height() > 0 ? screen.height() : 0));
     return info;
-}
-
-QUrl QKPlatformFeedbackSource::collectionURL() const
-{
-    return parseURL(QStringLiteral("%1/%2/threads").arg(orNull(m_baseURL), orNull(m_apiKey)));
-}
-
-QUrl QKPlatformFeedbackSource::threadURL(const QString &key) const
-{
-    return parseURL(QStringLiteral("%1/%2/threads/%3").arg(orNull(m_baseURL), orNull(m_apiKey), orNull(key)));
-}
-
-QString QKPlatformFeedbackSource::authorValue() const
-{
-    // No name at all is sent as anonymous too.
-    if (m_userName.isNull() || m_userName.compare(QLatin1String("Anonymous"), Qt::CaseInsensitive) == 0)
-        return QStringLiteral("");
-    return m_userName;
 }
 
 bool QKPlatformFeedbackSource::implements(Operation operation) const
@@ -246,17 +268,17 @@ void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, qint64
                                                     ItemsCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL();
+    request.url = collectionURL(m_p);
     request.setHeader("x-sort-meta", SortNewestFirst);
     validateService();
     // Values go in verbatim, as the service's filters expect.
     const QString filter =
-        state.isNull() ? QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}]}").arg(m_uid)
+        state.isNull() ? QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}]}").arg(m_p.uid)
                        : QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}, {\"State\" : \"%2\"}]}")
-                             .arg(m_uid, state);
+                             .arg(m_p.uid, state);
     request.setHeader("x-filter-meta", filter.toUtf8());
     request.setHeader("x-skip-meta", QByteArray::number(skip));
-    m_session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+    m_p.session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
         if (error) {
             completionHandler(std::nullopt, transportFailure(*error, "Feedback could not be retrieved"));
             return;
@@ -273,33 +295,32 @@ void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, qint64
 void QKPlatformFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
 {
     validateService();
-    sendFeedback(item, systemInfo(), std::move(completionHandler));
+    sendFeedback(m_p, item, systemInfo(), std::move(completionHandler));
 }
 
-void QKPlatformFeedbackSource::sendFeedback(const QKFeedbackItemPtr &item, const QJsonObject &info,
+void QKPlatformFeedbackSource::sendFeedback(const Properties &p, const QKFeedbackItemPtr &item, const QJsonObject &info,
                                             ErrorCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL();
+    request.url = collectionURL(p);
     request.method = "POST";
     request.setHeader("Content-Type", "application/json");
-    validateService();
     if (item->text().isNull())
-        throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A feedback item needs a text."));
+        missingText();
     QJsonObject image{{QStringLiteral("Filename"), QStringLiteral("nimbrel.png")},
                       {QStringLiteral("ContentType"), QStringLiteral("image/png")}};
     if (!item->image().isNull())
         image.insert(QStringLiteral("base64"), QKFeedbackItem::encodeToBase64String(item->image()));
     QJsonObject body{{QStringLiteral("Image"), image},
                      {QStringLiteral("Text"), item->text()},
-                     {QStringLiteral("Author"), authorValue()},
-                     {QStringLiteral("Uid"), m_uid},
+                     {QStringLiteral("Author"), authorValue(p.userName)},
+                     {QStringLiteral("Uid"), p.uid},
                      {QStringLiteral("SystemInfo"), info}};
-    for (auto it = m_parameters.cbegin(); it != m_parameters.cend(); ++it)
+    for (auto it = p.parameters.cbegin(); it != p.parameters.cend(); ++it)
         if (!body.contains(it.key()))
             body.insert(it.key(), QJsonValue::fromVariant(it.value()));
     request.body = json(body);
-    send(request, "Feedback could not be send", std::move(completionHandler));
+    send(p.session, request, "Feedback could not be send", std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler)
@@ -309,20 +330,14 @@ void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items,
         validateService();
     for (const auto &item : items)
         if (item->text().isNull())
-            throw QKException(QStringLiteral("QKPlatformFeedbackSource"),
-                              QStringLiteral("A feedback item needs a text."));
+            missingText();
     // Screen information is read here, on the caller's (GUI) thread.
     const QJsonObject info = items.isEmpty() ? QJsonObject() : systemInfo();
-    // The worker sends through a copy, so this source may go (or change) meanwhile.
-    auto source = QSharedPointer<QKPlatformFeedbackSource>(
-        new QKPlatformFeedbackSource(m_apiKey, m_uid, m_baseURL, m_parameters), &QObject::deleteLater);
-    source->setUserName(m_userName);
-    source->setSession(m_session);
-    QKDispatch::async(QKDispatch::globalQueue(), [source, items, info, completionHandler] {
+    QKDispatch::async(QKDispatch::globalQueue(), [p = m_p, items, info, completionHandler] {
         std::optional<QKError> shared;
         for (const auto &item : items) {
-            QSemaphore done;
-            source->sendFeedback(item, info, [&shared, &done](std::optional<QKError> error) {
+            std::binary_semaphore done(0);
+            sendFeedback(p, item, info, [&shared, &done](std::optional<QKError> error) {
                 if (error)
                     shared = error;
                 done.release();
@@ -338,40 +353,27 @@ void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items,
 void QKPlatformFeedbackSource::editWithKey(const QString &key, const QString &state, ErrorCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL();
+    request.url = collectionURL(m_p);
     request.method = "PUT";
     request.setHeader("Content-Type", "application/json");
     request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
     request.body = json(QJsonObject{{QStringLiteral("State"), state.isNull() ? QJsonValue() : QJsonValue(state)}});
-    send(request, "Feedback could not be edit", std::move(completionHandler));
+    send(m_p.session, request, "Feedback could not be edit", std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::deleteWithKey(const QString &key, ErrorCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = threadURL(key);
+    request.url = threadURL(m_p, key);
     request.method = "DELETE";
-    send(request, "Feedback could not be deleted", std::move(completionHandler));
-}
-
-void QKPlatformFeedbackSource::send(const QKURLRequest &request, const char *failureMessage,
-                                    ErrorCompletion completionHandler)
-{
-    m_session->dataTask(request,
-                        [completionHandler, failureMessage](const QByteArray &body, int, std::optional<QKError> error) {
-                            if (error) {
-                                completionHandler(transportFailure(*error, failureMessage));
-                                return;
-                            }
-                            completionHandler(errorAnswer(parseJSON(body), failureMessage));
-                        });
+    send(m_p.session, request, "Feedback could not be deleted", std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::imageForKey(const QString &key, ImageCompletion completionHandler)
 {
     QKURLRequest request;
     request.url = parseURL(key);
-    m_session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+    m_p.session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
         if (error) {
             completionHandler(QImage(), transportFailure(*error, "Feedback screenshot could not be retrieved"));
             return;
@@ -383,10 +385,10 @@ void QKPlatformFeedbackSource::imageForKey(const QString &key, ImageCompletion c
 void QKPlatformFeedbackSource::subItemsForKey(const QString &key, ItemsCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL();
+    request.url = collectionURL(m_p);
     request.setHeader("x-sort-meta", SortNewestFirst);
     request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
-    m_session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+    m_p.session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
         if (error) {
             completionHandler(std::nullopt, transportFailure(*error, "Feedback comments could not be retrieved"));
             return;
@@ -403,31 +405,31 @@ void QKPlatformFeedbackSource::subItemsForKey(const QString &key, ItemsCompletio
 void QKPlatformFeedbackSource::addSubItemForKey(const QString &key, const QKFeedbackItemPtr &subItem,
                                                 ErrorCompletion completionHandler)
 {
-    if (m_uid.isNull())
+    if (m_p.uid.isNull())
         throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A comment needs the UID."));
     if (subItem->text().isNull())
         throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A comment needs a text."));
     QKURLRequest request;
-    request.url = threadURL(key);
+    request.url = threadURL(m_p, key);
     request.method = "POST";
     request.setHeader("Content-Type", "application/json");
     request.body = json(QJsonObject{{QStringLiteral("Text"), subItem->text()},
-                                    {QStringLiteral("Author"), authorValue()},
-                                    {QStringLiteral("Uid"), m_uid},
+                                    {QStringLiteral("Author"), authorValue(m_p.userName)},
+                                    {QStringLiteral("Uid"), m_p.uid},
                                     {QStringLiteral("SystemInfo"), systemInfo()}});
-    m_session->dataTask(request,
-                        [subItem, completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
-                            if (error) {
-                                completionHandler(transportFailure(*error, "Feedback comments could not be send"));
-                                return;
-                            }
-                            const QJsonValue answer = parseJSON(body);
-                            if (auto failure = errorAnswer(answer, "Feedback comments could not be send")) {
-                                completionHandler(failure);
-                                return;
-                            }
-                            // Absent fields clear the record's: it takes what the service stored.
-                            readThread(*subItem, answer.toObject());
-                            completionHandler(std::nullopt);
-                        });
+    m_p.session->dataTask(request,
+                          [subItem, completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+                              if (error) {
+                                  completionHandler(transportFailure(*error, "Feedback comments could not be send"));
+                                  return;
+                              }
+                              const QJsonValue answer = parseJSON(body);
+                              if (auto failure = errorAnswer(answer, "Feedback comments could not be send")) {
+                                  completionHandler(failure);
+                                  return;
+                              }
+                              // Absent fields clear the record's: it takes what the service stored.
+                              readThread(*subItem, answer.toObject());
+                              completionHandler(std::nullopt);
+                          });
 }

@@ -35,21 +35,21 @@ public:
     QKPlatformFeedbackSource(const QString &key, const QString &uid, const QString &url, const QVariantMap &params,
                              QObject *parent = nullptr);
 
-    QString apiKey() const { return m_apiKey; }
-    void setApiKey(const QString &apiKey) { m_apiKey = apiKey; }
-    QString UID() const { return m_uid; }
-    void setUID(const QString &uid) { m_uid = uid; }
-    QString baseURL() const { return m_baseURL; }
-    void setBaseURL(const QString &baseURL) { m_baseURL = baseURL; }
+    QString apiKey() const { return m_p.apiKey; }
+    void setApiKey(const QString &apiKey) { m_p.apiKey = apiKey; }
+    QString UID() const { return m_p.uid; }
+    void setUID(const QString &uid) { m_p.uid = uid; }
+    QString baseURL() const { return m_p.baseURL; }
+    void setBaseURL(const QString &baseURL) { m_p.baseURL = baseURL; }
     /// Extra fields for the body of every new item; they never replace a standard field.
-    QVariantMap parameters() const { return m_parameters; }
-    void setParameters(const QVariantMap &parameters) { m_parameters = parameters; }
-    QString userName() const override { return m_userName; }
-    void setUserName(const QString &userName) override { m_userName = userName; }
+    QVariantMap parameters() const { return m_p.parameters; }
+    void setParameters(const QVariantMap &parameters) { m_p.parameters = parameters; }
+    QString userName() const override { return m_p.userName; }
+    void setUserName(const QString &userName) override { m_p.userName = userName; }
 
     /// The session requests go through (by default the shared one).
-    QSharedPointer<QKURLSession> session() const { return m_session; }
-    void setSession(const QSharedPointer<QKURLSession> &session) { m_session = session; }
+    QSharedPointer<QKURLSession> session() const { return m_p.session; }
+    void setSession(const QSharedPointer<QKURLSession> &session) { m_p.session = session; }
 
     /// Throws QKException named "QKPlatformFeedbackSource" when UID is null.
     void validateService() const;
@@ -76,16 +76,18 @@ public:
     bool implements(Operation operation) const override;
 
 private:
-    QUrl collectionURL() const;
-    QUrl threadURL(const QString &key) const;
-    QString authorValue() const;
-    void sendFeedback(const QKFeedbackItemPtr &item, const QJsonObject &systemInfo, ErrorCompletion completionHandler);
-    void send(const QKURLRequest &request, const char *failureMessage, ErrorCompletion completionHandler);
+    // Everything a request needs, copied by value into work that outlives the call.
+    struct Properties
+    {
+        QString apiKey;
+        QString uid;
+        QString baseURL;
+        QVariantMap parameters;
+        QString userName;
+        QSharedPointer<QKURLSession> session;
+    };
+    static void sendFeedback(const Properties &properties, const QKFeedbackItemPtr &item, const QJsonObject &systemInfo,
+                             ErrorCompletion completionHandler);
 
-    QString m_apiKey;
-    QString m_uid;
-    QString m_baseURL;
-    QVariantMap m_parameters;
-    QString m_userName;
-    QSharedPointer<QKURLSession> m_session;
+    Properties m_p;
 };

@@ -10,9 +10,10 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QMutex>
 #include <QTcpServer>
 #include <QtTest>
+
+#include <mutex>
 
 namespace {
 
@@ -21,7 +22,7 @@ using Source = QKPlatformFeedbackSource;
 // What a completion delivered, and on which thread; filled on the network thread.
 struct Outcome
 {
-    QMutex mutex;
+    std::mutex mutex; // a pthread lock, which ThreadSanitizer sees
     int calls = 0;
     QThread *thread = nullptr;
     std::optional<QKFeedbackItemList> items;
@@ -30,12 +31,12 @@ struct Outcome
 
     bool done()
     {
-        QMutexLocker lock(&mutex);
+        std::lock_guard lock(mutex);
         return calls > 0;
     }
     void record(std::optional<QKError> e)
     {
-        QMutexLocker lock(&mutex);
+        std::lock_guard lock(mutex);
         ++calls;
         thread = QThread::currentThread();
         error = e;
@@ -44,7 +45,7 @@ struct Outcome
     {
         return [this](std::optional<QKFeedbackItemList> list, std::optional<QKError> e) {
             {
-                QMutexLocker lock(&mutex);
+                std::lock_guard lock(mutex);
                 items = list;
             }
             record(e);
@@ -58,7 +59,7 @@ struct Outcome
     {
         return [this](QImage i, std::optional<QKError> e) {
             {
-                QMutexLocker lock(&mutex);
+                std::lock_guard lock(mutex);
                 image = i;
             }
             record(e);
