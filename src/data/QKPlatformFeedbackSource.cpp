@@ -183,6 +183,25 @@ void send(const QSharedPointer<QKURLSession> &session, const QKURLRequest &reque
                       });
 }
 
+// Lists thread objects: the items of the listing, or the comments of a thread.
+void fetchThreads(const QSharedPointer<QKURLSession> &session, const QKURLRequest &request, const char *failureMessage,
+                  bool listing, QKFeedbackDataSource::ItemsCompletion completionHandler)
+{
+    session->dataTask(request, [completionHandler, failureMessage, listing](const QByteArray &body, int,
+                                                                            std::optional<QKError> error) {
+        if (error) {
+            completionHandler(std::nullopt, transportFailure(*error, failureMessage));
+            return;
+        }
+        const QJsonValue answer = parseJSON(body);
+        if (auto failure = errorAnswer(answer, failureMessage)) {
+            completionHandler(std::nullopt, failure);
+            return;
+        }
+        completionHandler(readThreads(answer, listing), std::nullopt);
+    });
+}
+
 [[noreturn]] void missingText()
 {
     throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A feedback item needs a text."));
@@ -278,18 +297,7 @@ void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, qint64
                              .arg(m_p.uid, state);
     request.setHeader("x-filter-meta", filter.toUtf8());
     request.setHeader("x-skip-meta", QByteArray::number(skip));
-    m_p.session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
-        if (error) {
-            completionHandler(std::nullopt, transportFailure(*error, "Feedback could not be retrieved"));
-            return;
-        }
-        const QJsonValue answer = parseJSON(body);
-        if (auto failure = errorAnswer(answer, "Feedback could not be retrieved")) {
-            completionHandler(std::nullopt, failure);
-            return;
-        }
-        completionHandler(readThreads(answer, true), std::nullopt);
-    });
+    fetchThreads(m_p.session, request, "Feedback could not be retrieved", true, std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
@@ -388,18 +396,7 @@ void QKPlatformFeedbackSource::subItemsForKey(const QString &key, ItemsCompletio
     request.url = collectionURL(m_p);
     request.setHeader("x-sort-meta", SortNewestFirst);
     request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
-    m_p.session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
-        if (error) {
-            completionHandler(std::nullopt, transportFailure(*error, "Feedback comments could not be retrieved"));
-            return;
-        }
-        const QJsonValue answer = parseJSON(body);
-        if (auto failure = errorAnswer(answer, "Feedback comments could not be retrieved")) {
-            completionHandler(std::nullopt, failure);
-            return;
-        }
-        completionHandler(readThreads(answer, false), std::nullopt);
-    });
+    fetchThreads(m_p.session, request, "Feedback comments could not be retrieved", false, std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::addSubItemForKey(const QString &key, const QKFeedbackItemPtr &subItem,

@@ -675,8 +675,10 @@ private slots:
         WAIT_FOR(outcome);
         QVERIFY(!outcome.error);
         QVERIFY(outcome.image.isNull());
-        QVERIFY(m_service.requests().first().headers.size() > 0);
-        QVERIFY(!m_service.requests().first().hasHeader("x-filter-meta"));
+        const RecordedRequest r = m_service.requests().first();
+        QCOMPARE(r.method, QByteArray("GET"));
+        QCOMPARE(r.target, QByteArray("/files/none.png"));
+        QVERIFY(!r.hasHeader("x-filter-meta") && !r.hasHeader("Content-Type"));
     }
 
     void serviceDates_data()
