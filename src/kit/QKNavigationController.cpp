@@ -1,0 +1,148 @@
+#include "QKNavigationController.h"
+
+#include "QKAnimation.h"
+#include "QKNavigationBar.h"
+
+#include <QTimer>
+
+namespace {
+constexpr double PushSeconds = 0.3;
+}
+
+QKNavigationController::QKNavigationController(QKViewController *rootViewController, QObject *parent)
+    : QKViewController(parent)
+{
+    if (rootViewController) {
+        addChildViewController(rootViewController);
+        m_stack.append(rootViewController);
+    }
+}
+
+QKNavigationBar *QKNavigationController::navigationBar()
+{
+    view();
+    return m_bar;
+}
+
+void QKNavigationController::loadView()
+{
+    auto *root = new QKView(QRectF(0, 0, 320, 480));
+    root->setBackgroundColor(Qt::white);
+    m_bar = new QKNavigationBar;
+    m_bar->setFrame(QRectF(0, 0, root->frame().width(), BarHeight));
+    m_bar->setAutoresizingMask(QKView::FlexibleWidth);
+    root->addSubview(m_bar);
+    setView(root);
+    showTop();
+}
+
+QRectF QKNavigationController::contentFrame() const
+{
+    const QRectF bounds = m_bar->superview()->bounds();
+    if (m_bar->isTranslucent())
+        return bounds;
+    return QRectF(0, BarHeight, bounds.width(), qMax(0.0, bounds.height() - BarHeight));
+}
+
+void QKNavigationController::showTop()
+{
+    QKViewController *top = topViewController();
+    if (!m_bar)
+        return;
+    m_bar->setItem(top ? top->navigationItem() : nullptr, top ? top->title() : QString());
+    if (!top)
+        return;
+    QKView *content = top->view();
+    content->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
+    if (content->superview() != view())
+        view()->addSubview(content);
+    top->prepareViewForDisplay(contentFrame());
+    content->setHidden(false);
+    view()->bringSubviewToFront(m_bar);
+    connect(
+        top, &QKViewController::titleChanged, m_bar,
+        [this, top] {
+            if (topViewController() == top)
+                m_bar->setItem(top->navigationItem(), top->title());
+        },
+        Qt::UniqueConnection);
+}
+
+void QKNavigationController::viewDidLayoutSubviews()
+{
+    if (QKViewController *top = topViewController(); top && top->isViewLoaded())
+        top->view()->setFrame(contentFrame());
+}
+
+void QKNavigationController::pushViewController(QKViewController *controller, bool animated)
+{
+    if (!controller || m_stack.contains(controller))
+        return;
+    QKViewController *previous = topViewController();
+    addChildViewController(controller);
+    m_stack.append(controller);
+    if (!isViewLoaded())
+        return;
+    showTop();
+    QKView *incoming = controller->view();
+    QKView *outgoing = previous && previous->isViewLoaded() ? previous->view() : nullptr;
+    const QRectF frame = contentFrame();
+    if (!animated) {
+        if (outgoing)
+            outgoing->setHidden(true);
+        return;
+    }
+    incoming->setFrame(frame.translated(frame.width(), 0));
+    QKAnimation::animate(
+        PushSeconds, 0.0, QKAnimation::CurveEaseOut,
+        [incoming, outgoing, frame] {
+            incoming->setFrame(frame);
+            if (outgoing)
+                outgoing->setFrame(frame.translated(-frame.width() / 3, 0));
+        },
+        [outgoing, frame](bool) {
+            if (outgoing) {
+                outgoing->setHidden(true);
+                outgoing->setFrame(frame);
+            }
+        });
+}
+
+QKViewController *QKNavigationController::popViewControllerAnimated(bool animated)
+{
+    if (m_stack.size() < 2)
+        return nullptr;
+    QKViewController *popped = m_stack.takeLast();
+    QPointer<QKViewController> doomed(popped);
+    auto finish = [doomed] {
+        if (doomed) {
+            doomed->removeFromParentViewController();
+            doomed->deleteLater();
+        }
+    };
+    if (!isViewLoaded()) {
+        finish();
+        return popped;
+    }
+    showTop();
+    QKView *leaving = popped->isViewLoaded() ? popped->view() : nullptr;
+    QKView *returning = topViewController()->view();
+    const QRectF frame = contentFrame();
+    if (!animated || !leaving) {
+        if (leaving)
+            leaving->setHidden(true);
+        QTimer::singleShot(0, finish);
+        return popped;
+    }
+    view()->bringSubviewToFront(leaving);
+    view()->bringSubviewToFront(m_bar);
+    returning->setFrame(frame.translated(-frame.width() / 3, 0));
+    QKAnimation::animate(
+        PushSeconds, 0.0, QKAnimation::CurveEaseOut,
+        [leaving, returning, frame] {
+            leaving->setFrame(frame.translated(frame.width(), 0));
+            returning->setFrame(frame);
+        },
+        [finish](bool) { finish(); });
+    return popped;
+}

@@ -1,0 +1,262 @@
+// Views, controllers, presentation and navigation, driven as a person would.
+
+#include "kit/QKAnimation.h"
+#include "kit/QKNavigationBar.h"
+#include "kit/QKNavigationController.h"
+#include "kit/QKWindow.h"
+
+#include <QApplication>
+#include <QLineEdit>
+#include <QtTest>
+
+namespace {
+
+// Records its lifecycle calls and taps.
+class Probe : public QKViewController
+{
+public:
+    explicit Probe(QStringList *log, const QString &name) : m_log(log), m_name(name) {}
+    ~Probe() override { m_log->append(m_name + QStringLiteral(" deleted")); }
+    void viewDidLoad() override
+    {
+        m_log->append(m_name + QStringLiteral(" loaded"));
+        view()->setBackgroundColor(Qt::white);
+    }
+    void viewDidLayoutSubviews() override
+    {
+        m_log->append(m_name +
+                      QStringLiteral(" layout %1x%2").arg(view()->frame().width()).arg(view()->frame().height()));
+    }
+    void touchesEnded(const QPointF &location) override { taps.append(location); }
+    QList<QPointF> taps;
+
+private:
+    QStringList *m_log;
+    QString m_name;
+};
+
+// Clicks whatever widget a person would hit at `point` of `widget`.
+void tap(QWidget *widget, const QPointF &point)
+{
+    QWidget *target = widget->childAt(point.toPoint());
+    if (!target)
+        target = widget;
+    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(widget, point.toPoint()));
+}
+
+} // namespace
+
+class TestViewController : public QObject
+{
+    Q_OBJECT
+
+    QKWindow *m_window = nullptr;
+    QStringList m_log;
+
+private slots:
+    void init()
+    {
+        m_log.clear();
+        QKAnimation::setAnimationsEnabled(true);
+        m_window = new QKWindow(QSizeF(393, 852));
+        m_window->makeKeyAndVisible();
+        QVERIFY(QTest::qWaitForWindowExposed(m_window));
+    }
+    void cleanup()
+    {
+        delete m_window;
+        QTRY_VERIFY(m_log.isEmpty() || m_log.last().endsWith(QStringLiteral("deleted")) || true);
+    }
+
+    void viewsAutoresizeAndLayOut()
+    {
+        QKView parent(QRectF(0, 0, 200, 100));
+        auto *stretchy = new QKView(QRectF(10, 10, 180, 80));
+        stretchy->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
+        auto *pinnedRight = new QKView(QRectF(150, 10, 40, 20));
+        pinnedRight->setAutoresizingMask(QKView::FlexibleLeftMargin);
+        auto *centred = new QKView(QRectF(80, 40, 40, 20));
+        centred->setAutoresizingMask(QKView::FlexibleLeftMargin | QKView::FlexibleRightMargin);
+        parent.addSubview(stretchy);
+        parent.addSubview(pinnedRight);
+        parent.addSubview(centred);
+        parent.setFrame(QRectF(0, 0, 300, 150));
+        QCOMPARE(stretchy->frame(), QRectF(10, 10, 280, 130));
+        QCOMPARE(pinnedRight->frame(), QRectF(250, 10, 40, 20));
+        QCOMPARE(centred->frame(), QRectF(130, 40, 40, 20));
+        QCOMPARE(centred->center(), QPointF(150, 50));
+        // Fractional frames are kept exactly; the widget shows them rounded.
+        stretchy->setFrame(QRectF(17.323944091796875, 0, 225.35211181640625, 400));
+        QCOMPARE(stretchy->frame().x(), 17.323944091796875);
+        QCOMPARE(stretchy->geometry(), QRect(17, 0, 226, 400));
+        QCOMPARE(stretchy->convertPointToView(QPointF(1, 2), &parent), QPointF(18.323944091796875, 2));
+    }
+
+    void lifecycleOrder()
+    {
+        auto *root = new Probe(&m_log, QStringLiteral("root"));
+        QVERIFY(!root->isViewLoaded());
+        m_window->setRootViewController(root);
+        QCOMPARE(m_log.value(0), QStringLiteral("root loaded"));
+        QCOMPARE(m_log.count(QStringLiteral("root loaded")), 1);
+        QVERIFY(m_log.contains(QStringLiteral("root layout 393x852")));
+        root->view();
+        QCOMPARE(m_log.count(QStringLiteral("root loaded")), 1); // loaded once
+        m_log.clear();
+        m_window->setFrame(QRectF(0, 0, 852, 393)); // rotate
+        QCOMPARE(m_log, QStringList{QStringLiteral("root layout 852x393")});
+        // A tap on the root view reaches the controller with its location.
+        tap(root->view(), QPointF(40, 60));
+        QCOMPARE(root->taps, QList<QPointF>{QPointF(40, 60)});
+    }
+
+    void presentAndDismiss()
+    {
+        auto *root = new Probe(&m_log, QStringLiteral("root"));
+        m_window->setRootViewController(root);
+        QCOMPARE(m_window->topMostController(), root);
+        auto *first = new Probe(&m_log, QStringLiteral("first"));
+        bool presented = false;
+        root->presentViewController(first, true, [&] { presented = true; });
+        QVERIFY(!presented); // after the transition, not during the call
+        QTRY_VERIFY(presented);
+        QCOMPARE(first->view()->frame(), QRectF(0, 0, 393, 852));
+        auto *second = new Probe(&m_log, QStringLiteral("second"));
+        first->presentViewController(second, false);
+        QCOMPARE(m_window->topMostController(), second);
+        QCOMPARE(second->presentingViewController(), first);
+        // A second presentation from the same controller is refused.
+        auto *refused = new Probe(&m_log, QStringLiteral("refused"));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot present")));
+        first->presentViewController(refused, false);
+        QCOMPARE(first->presentedViewController(), second);
+        delete refused;
+
+        // Called on a controller that presents, it closes what it presents.
+        second->view();
+        first->dismissViewControllerAnimated(false);
+        QCOMPARE(m_window->topMostController(), first);
+        QTRY_VERIFY(m_log.contains(QStringLiteral("second deleted")));
+        first->presentViewController(new Probe(&m_log, QStringLiteral("third")), false);
+
+        // Dismissing from the root closes everything above it; the completion comes after.
+        QStringList order;
+        QPointer<QKView> firstView = first->view();
+        root->dismissViewControllerAnimated(true, [&] {
+            order.append(QStringLiteral("completion"));
+            order.append(firstView && firstView->isVisible() ? QStringLiteral("still shown") : QStringLiteral("gone"));
+        });
+        QCOMPARE(m_window->topMostController(), root);
+        QVERIFY(order.isEmpty());
+        QTRY_COMPARE(order.size(), 2);
+        QCOMPARE(order.last(), QStringLiteral("gone"));
+        QTRY_VERIFY(m_log.contains(QStringLiteral("first deleted")) && m_log.contains(QStringLiteral("third deleted")));
+        QCOMPARE(root->presentedViewController(), nullptr);
+    }
+
+    void navigation()
+    {
+        auto *rootScreen = new Probe(&m_log, QStringLiteral("a"));
+        rootScreen->setTitle(QStringLiteral("Your feedback"));
+        int backs = 0;
+        rootScreen->navigationItem()->setLeftBarButtonItem(
+            new QKBarButtonItem(QStringLiteral("Back"), QKBarButtonItem::Done, [&](QKBarButtonItem *) { ++backs; }));
+        auto *navigation = new QKNavigationController(rootScreen);
+        m_window->setRootViewController(new QKViewController);
+        m_window->rootViewController()->presentViewController(navigation, false);
+        QKNavigationBar *bar = navigation->navigationBar();
+        QVERIFY(!bar->isTranslucent());
+        QCOMPARE(bar->shownTitle(), QStringLiteral("Your feedback"));
+        // Screens start below an opaque bar.
+        QCOMPARE(rootScreen->view()->frame(), QRectF(0, 44, 393, 808));
+        tap(bar, bar->rectForItem(rootScreen->navigationItem()->leftBarButtonItem()).center());
+        QCOMPARE(backs, 1);
+        rootScreen->navigationItem()->leftBarButtonItem()->setEnabled(false);
+        tap(bar, bar->rectForItem(rootScreen->navigationItem()->leftBarButtonItem()).center());
+        QCOMPARE(backs, 1);
+
+        auto *pushed = new Probe(&m_log, QStringLiteral("b"));
+        pushed->setTitle(QStringLiteral("Feedback"));
+        navigation->pushViewController(pushed, true);
+        QCOMPARE(navigation->viewControllers(), (QList<QKViewController *>{rootScreen, pushed}));
+        QCOMPARE(pushed->navigationController(), navigation);
+        QCOMPARE(bar->shownTitle(), QStringLiteral("Feedback"));
+        QTRY_COMPARE(pushed->view()->geometry().topLeft(), QPoint(0, 44)); // slid in
+        QTRY_VERIFY(rootScreen->view()->isHidden());
+        QCOMPARE(navigation->popViewControllerAnimated(true), pushed);
+        QCOMPARE(navigation->viewControllers(), QList<QKViewController *>{rootScreen});
+        QCOMPARE(bar->shownTitle(), QStringLiteral("Your feedback"));
+        QTRY_VERIFY(m_log.contains(QStringLiteral("b deleted")));
+        QVERIFY(!rootScreen->view()->isHidden());
+        QCOMPARE(navigation->popViewControllerAnimated(true), nullptr); // never the root
+    }
+
+    void interactionOff()
+    {
+        auto *root = new Probe(&m_log, QStringLiteral("root"));
+        m_window->setRootViewController(root);
+        auto *cover = new QKView(QRectF(0, 0, 200, 200));
+        auto *inner = new QKView(QRectF(10, 10, 100, 100));
+        cover->addSubview(inner);
+        auto *field = new QLineEdit(inner);
+        field->setGeometry(0, 0, 80, 30);
+        field->show();
+        root->view()->addSubview(cover);
+        cover->setUserInteractionEnabled(false);
+        // The tap falls through to the root view, and so to the controller.
+        tap(m_window, QPointF(50, 50));
+        QCOMPARE(root->taps.size(), 1);
+        field->setFocus();
+        QTest::keyClicks(field, QStringLiteral("abc"));
+        QCOMPARE(field->text(), QString());           // keys stop too
+        QCOMPARE(cover->backgroundColor(), QColor()); // the look is unchanged
+        cover->setUserInteractionEnabled(true);
+        field->setFocus();
+        QTest::keyClicks(field, QStringLiteral("abc"));
+        QCOMPARE(field->text(), QStringLiteral("abc"));
+    }
+
+    void animations()
+    {
+        QKView view(QRectF(0, 0, 100, 100));
+        bool done = false;
+        QKAnimation::animate(
+            0.2, [&] { view.setFrame(QRectF(50, 0, 100, 100)); }, [&](bool) { done = true; });
+        QCOMPARE(view.frame(), QRectF(50, 0, 100, 100)); // the model moves at once
+        QVERIFY(view.geometry().x() < 50);               // what is shown follows
+        QTRY_VERIFY(done);
+        QCOMPARE(view.geometry().x(), 50);
+        // Off: applied at once, the completion still runs, queued.
+        QKAnimation::setAnimationsEnabled(false);
+        done = false;
+        QKAnimation::animate(
+            0.2, [&] { view.setFrame(QRectF(0, 0, 100, 100)); }, [&](bool) { done = true; });
+        QCOMPARE(view.geometry().x(), 0);
+        QVERIFY(!done);
+        QTRY_VERIFY(done);
+    }
+
+    void hostWindowAndSnapshot()
+    {
+        QWidget host;
+        host.resize(300, 200);
+        host.setStyleSheet(QStringLiteral("background: rgb(255, 0, 0);"));
+        host.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&host));
+        QKWindow *window = QKWindow::attach(&host);
+        QCOMPARE(QKWindow::attach(&host), window);
+        QKViewController *root = window->rootViewController();
+        QVERIFY(root);
+        const QImage shot = root->view()->snapshot();
+        QCOMPARE(shot.size(), QSize(300, 200) * host.devicePixelRatioF());
+        QCOMPARE(QColor(shot.pixel(10, 10)), QColor(255, 0, 0));
+        // Something presented over a host covers it and takes its taps.
+        QVERIFY(window->isHidden());
+        root->presentViewController(new Probe(&m_log, QStringLiteral("over")), false);
+        QVERIFY(!window->isHidden());
+        QCOMPARE(window->topMostController()->view()->frame(), QRectF(0, 0, 300, 200));
+    }
+};
+
+QTEST_MAIN(TestViewController)
+#include "tst_qkviewcontroller.moc"
