@@ -126,7 +126,9 @@ void QKView::setCenter(const QPointF &center)
 void QKView::setHidden(bool hidden)
 {
     m_hidden = hidden;
-    QWidget::setVisible(!hidden);
+    // A view not yet in a superview would otherwise open as a window of its own.
+    if (parentWidget() || hidden)
+        QWidget::setVisible(!hidden);
 }
 
 void QKView::setBackgroundColor(const QColor &color)
