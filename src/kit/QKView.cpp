@@ -351,7 +351,7 @@ void QKView::paintEvent(QPaintEvent *)
     painter.setRenderHint(QPainter::Antialiasing);
     // Widgets are whole pixels; draw in the exact frame's own coordinates.
     const QRectF rect(QPointF(0, 0), m_frame.size());
-    if (m_backgroundColor.alpha() > 0)
+    if (m_backgroundColor.isValid() && m_backgroundColor.alpha() > 0)
         painter.fillRect(QRectF(QPointF(0, 0), size()), m_backgroundColor);
     drawRect(painter, rect);
 }
