@@ -89,9 +89,19 @@ QKView::~QKView() = default;
 
 void QKView::applyGeometry(const QRectF &displayed)
 {
-    const QRect rect = shown(displayed);
+    m_shown = displayed;
+    QRectF inWidget = displayed;
+    if (const QKView *parent = superview())
+        inWidget.translate(-parent->shownBoundsOrigin());
+    const QRect rect = shown(inWidget);
     if (geometry() != rect)
         setGeometry(rect);
+}
+
+void QKView::refreshSubviewGeometry()
+{
+    for (QKView *view : subviews())
+        view->applyGeometry(view->m_shown);
 }
 
 void QKView::setFrame(const QRectF &frame)
@@ -100,8 +110,7 @@ void QKView::setFrame(const QRectF &frame)
     if (old == frame)
         return;
     m_frame = frame;
-    const QRectF from(pos(), size());
-    if (!QKAnimation::animateValue(this, from, frame,
+    if (!QKAnimation::animateValue(this, m_shown, frame,
                                    [this](const QVariant &value) { applyGeometry(value.toRectF()); }))
         applyGeometry(frame);
     if (old.size() != frame.size()) {
@@ -364,9 +373,11 @@ void QKView::mousePressEvent(QMouseEvent *event)
 
 void QKView::mouseReleaseEvent(QMouseEvent *event)
 {
+    // Only a release on the view is a tap: a press that became a drag ends elsewhere.
     if (m_pressed && event->button() == Qt::LeftButton) {
         m_pressed = false;
-        touchesEnded(event->position());
+        if (rect().contains(event->position().toPoint()))
+            touchesEnded(event->position());
     }
     event->accept();
 }

@@ -111,6 +111,12 @@ public:
     QPointF convertPointToView(const QPointF &point, const QKView *view) const;
 
 protected:
+    /// Where the bounds origin is shown at this moment: a scrolling view moves its
+    /// subviews by it. The base answers bounds().topLeft().
+    virtual QPointF shownBoundsOrigin() const { return bounds().topLeft(); }
+    /// Shows every subview again at its frame (after shownBoundsOrigin changed).
+    void refreshSubviewGeometry();
+
     void paintEvent(QPaintEvent *event) override;
     void mousePressEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
@@ -127,6 +133,7 @@ private:
     bool interactionBlocked() const;
 
     QRectF m_frame;
+    QRectF m_shown; // the frame as shown: the model, or on the way there while animating
     QColor m_backgroundColor;
     qreal m_alpha = 1.0;
     int m_autoresizingMask = AutoresizingNone;

@@ -139,8 +139,11 @@ void QKWindow::presentView(QKView *view)
 {
     addSubview(view);
     updatePassThrough();
-    connect(
-        view, &QObject::destroyed, this, [this] { updatePassThrough(); }, Qt::UniqueConnection);
+    // Queued: the view is half gone while it says so.
+    connect(view, &QObject::destroyed, this, [this] {
+        QMetaObject::invokeMethod(
+            this, [this] { updatePassThrough(); }, Qt::QueuedConnection);
+    });
 }
 
 void QKWindow::updatePassThrough()
