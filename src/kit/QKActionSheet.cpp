@@ -1,12 +1,11 @@
 #include "QKActionSheet.h"
 
 #include "QKActionSheetDelegate.h"
-#include "QKAnimation.h"
 #include "QKFont.h"
+#include "QKModalOverlay_p.h"
 #include "QKTextMetrics.h"
 #include "QKWindow.h"
 
-#include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 
@@ -27,36 +26,15 @@ const qreal TitlePadding = 14;
 const double SlideUp = 0.3;
 const double SlideDown = 0.25;
 
-QList<QKActionSheet *> &shownSheets()
-{
-    static QList<QKActionSheet *> sheets;
-    return sheets;
-}
-
-// The dim and the sliding panel, all drawn here; the panel's place follows one progress value.
-class SheetOverlay : public QKView
+// The dim and the sliding panel; the panel's place follows the progress.
+class SheetOverlay : public QKModalOverlay
 {
 public:
-    SheetOverlay(const QString &title, const QStringList &buttons, int cancelIndex, int destructiveIndex,
-                 std::function<void(int)> tapped)
-        : m_title(title), m_buttons(buttons), m_cancelIndex(cancelIndex), m_destructiveIndex(destructiveIndex),
-          m_tapped(std::move(tapped))
-    {
-        // QKView fills with its background colour, and an unset QColor reads as opaque black.
-        setBackgroundColor(Qt::transparent);
-    }
+    SheetOverlay(const QString &title, const QStringList &buttons, int cancelIndex, int destructiveIndex)
+        : QKModalOverlay(buttons, cancelIndex), m_title(title), m_destructiveIndex(destructiveIndex)
+    {}
 
-    void setTapsEnabled(bool enabled) { m_tapsEnabled = enabled; }
-
-    void animateProgress(qreal to)
-    {
-        if (!QKAnimation::animateValue(this, m_progress, to,
-                                       [this](const QVariant &value) { setProgress(value.toReal()); }))
-            setProgress(to);
-    }
-
-    // Where the button is once the panel is up.
-    QRectF buttonRect(int index) const
+    QRectF buttonRect(int index) const override
     {
         if (index < 0 || index >= m_buttons.size())
             return QRectF();
@@ -69,11 +47,11 @@ public:
 
     void drawRect(QPainter &painter, const QRectF &rect) override
     {
-        painter.fillRect(rect, QColor(0, 0, 0, qRound(255 * 0.4 * m_progress)));
+        painter.fillRect(rect, QColor(0, 0, 0, qRound(255 * 0.4 * progress())));
         const Layout layout = layoutFor();
         const qreal hairline = 1.0 / painter.device()->devicePixelRatioF();
         painter.save();
-        painter.translate(0, std::round((1 - m_progress) * layout.travel));
+        painter.translate(0, std::round((1 - progress()) * layout.travel));
 
         if (!layout.group.isEmpty()) {
             QPainterPath group;
@@ -88,7 +66,7 @@ public:
                 if (i == m_cancelIndex)
                     continue;
                 const QRectF button = buttonRect(i);
-                if (i == m_pressed)
+                if (i == pressedIndex())
                     painter.fillRect(button, QColor(0, 0, 0, 20));
                 if (button.top() > layout.group.top())
                     painter.fillRect(QRectF(button.left(), button.top(), button.width(), hairline), Hairline);
@@ -99,45 +77,19 @@ public:
         if (!layout.cancel.isEmpty()) {
             QPainterPath cancel;
             cancel.addRoundedRect(layout.cancel, Radius, Radius);
-            painter.fillPath(cancel, m_pressed == m_cancelIndex ? QColor(235, 235, 235) : QColor(Qt::white));
+            painter.fillPath(cancel, pressedIndex() == m_cancelIndex ? QColor(235, 235, 235) : QColor(Qt::white));
             drawTitle(painter, layout.cancel, m_cancelIndex);
         }
         painter.restore();
     }
 
-    void touchesEnded(const QPointF &location) override
+protected:
+    // Off the panel is on the dim, which stands for cancel; the title or the gap is nothing.
+    void tappedOffButtons(const QPointF &location) override
     {
-        if (!m_tapsEnabled)
-            return;
-        const int index = buttonAt(location);
-        if (index >= 0) {
-            m_tapped(index);
-            return;
-        }
-        // Off the panel is on the dim, which stands for cancel; the title or the gap is nothing.
         const Layout layout = layoutFor();
         if (!layout.group.united(layout.cancel).contains(location))
-            m_tapped(m_cancelIndex);
-    }
-
-protected:
-    void mousePressEvent(QMouseEvent *event) override
-    {
-        m_pressing = event->button() == Qt::LeftButton;
-        setPressed(m_pressing ? buttonAt(event->position()) : -1);
-        QKView::mousePressEvent(event);
-    }
-    void mouseMoveEvent(QMouseEvent *event) override
-    {
-        if (m_pressing)
-            setPressed(buttonAt(event->position()));
-        QKView::mouseMoveEvent(event);
-    }
-    void mouseReleaseEvent(QMouseEvent *event) override
-    {
-        m_pressing = false;
-        setPressed(-1);
-        QKView::mouseReleaseEvent(event);
+            tap(m_cancelIndex);
     }
 
 private:
@@ -183,37 +135,8 @@ private:
         return layout;
     }
 
-    int buttonAt(const QPointF &point) const
-    {
-        for (int i = 0; i < m_buttons.size(); ++i)
-            if (buttonRect(i).contains(point))
-                return i;
-        return -1;
-    }
-
-    void setProgress(qreal progress)
-    {
-        m_progress = progress;
-        update();
-    }
-
-    void setPressed(int index)
-    {
-        if (m_pressed != index) {
-            m_pressed = index;
-            update();
-        }
-    }
-
     QString m_title;
-    QStringList m_buttons;
-    int m_cancelIndex;
     int m_destructiveIndex;
-    std::function<void(int)> m_tapped;
-    qreal m_progress = 0;
-    bool m_tapsEnabled = true;
-    bool m_pressing = false;
-    int m_pressed = -1;
 };
 
 QKWindow *windowOf(QKView *view)
@@ -242,15 +165,6 @@ QKActionSheet::QKActionSheet(const QString &title, QKActionSheetDelegate *delega
     }
 }
 
-QKActionSheet::~QKActionSheet()
-{
-    shownSheets().removeOne(this);
-    if (m_view) {
-        m_view->removeFromSuperview();
-        m_view->deleteLater();
-    }
-}
-
 QKActionSheetDelegate *QKActionSheet::delegate() const
 {
     // A delegate that is a QObject and is gone reads as none.
@@ -273,32 +187,15 @@ int QKActionSheet::firstOtherButtonIndex() const
 
 void QKActionSheet::showInView(QKView *view)
 {
-    if (m_state != Idle)
-        return;
-    m_state = Shown;
-    shownSheets().append(this);
-    QKWindow *window = windowOf(view);
-    if (!window)
-        return;
-    QPointer<QKActionSheet> self(this);
-    auto *overlay = new SheetOverlay(m_title, m_buttons, m_cancelIndex, m_destructiveIndex, [self](int index) {
-        if (self)
-            self->tapped(index);
-    });
-    overlay->setFrame(window->bounds());
-    overlay->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
-    m_view = overlay;
-    // Gone with its window: nobody is left to answer, so the sheet goes quietly.
-    connect(overlay, &QObject::destroyed, this, [this] {
-        shownSheets().removeOne(this);
-        m_state = Dismissing;
-        deleteLater();
-    });
-    window->presentView(overlay);
-    QKAnimation::animate(SlideUp, 0, QKAnimation::CurveEaseOut, [overlay] { overlay->animateProgress(1); });
+    showInWindow(windowOf(view));
 }
 
-void QKActionSheet::tapped(int buttonIndex)
+QKModalOverlay *QKActionSheet::createOverlay() const
+{
+    return new SheetOverlay(m_title, m_buttons, m_cancelIndex, m_destructiveIndex);
+}
+
+void QKActionSheet::buttonTapped(int buttonIndex)
 {
     QPointer<QKActionSheet> self(this);
     if (buttonIndex >= 0)
@@ -308,65 +205,26 @@ void QKActionSheet::tapped(int buttonIndex)
         dismissWithClickedButtonIndex(buttonIndex, true);
 }
 
-void QKActionSheet::dismissWithClickedButtonIndex(int buttonIndex, bool animated)
+void QKActionSheet::reportDismissal(int buttonIndex)
 {
-    if (m_state == Dismissing)
-        return;
-    m_state = Dismissing;
-    shownSheets().removeOne(this);
-    if (!animated) {
-        finishDismissal(buttonIndex);
-        return;
-    }
-    QPointer<QKActionSheet> self(this);
-    QPointer<SheetOverlay> overlay = static_cast<SheetOverlay *>(m_view.data());
-    if (overlay)
-        overlay->setTapsEnabled(false);
-    QKAnimation::animate(
-        SlideDown, 0, QKAnimation::CurveEaseIn,
-        [overlay] {
-            if (overlay)
-                overlay->animateProgress(0);
-        },
-        [self, buttonIndex](bool) {
-            if (self)
-                self->finishDismissal(buttonIndex);
-        });
-}
-
-void QKActionSheet::finishDismissal(int buttonIndex)
-{
-    if (m_view) {
-        disconnect(m_view, nullptr, this, nullptr);
-        m_view->removeFromSuperview();
-        m_view->deleteLater();
-        m_view = nullptr;
-    }
     QPointer<QKActionSheet> self(this);
     if (QKActionSheetDelegate *target = delegate())
         target->actionSheetDidDismissWithButtonIndex(this, buttonIndex);
     if (self)
         emit dismissed(buttonIndex);
-    if (self)
-        deleteLater();
 }
 
-QRectF QKActionSheet::rectForButtonAtIndex(int index) const
+double QKActionSheet::appearDuration() const
 {
-    if (!m_view)
-        return QRectF();
-    const QRectF rect = static_cast<SheetOverlay *>(m_view.data())->buttonRect(index);
-    if (rect.isEmpty())
-        return rect;
-    return rect.translated(m_view->convertPointToView(QPointF(0, 0), nullptr));
+    return SlideUp;
 }
 
-QKView *QKActionSheet::view() const
+double QKActionSheet::disappearDuration() const
 {
-    return m_view;
+    return SlideDown;
 }
 
 QList<QKActionSheet *> QKActionSheet::visibleSheets()
 {
-    return shownSheets();
+    return visiblePanels<QKActionSheet>();
 }

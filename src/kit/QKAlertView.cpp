@@ -1,11 +1,10 @@
 #include "QKAlertView.h"
 
-#include "QKAnimation.h"
 #include "QKFont.h"
+#include "QKModalOverlay_p.h"
 #include "QKTextMetrics.h"
 #include "QKWindow.h"
 
-#include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 
@@ -25,37 +24,15 @@ const qreal ButtonHeight = 44;
 const double FadeIn = 0.25;
 const double FadeOut = 0.2;
 
-QList<QKAlertView *> &shownAlerts()
-{
-    static QList<QKAlertView *> alerts;
-    return alerts;
-}
-
-// The dim and the card, all drawn here: one view, so taps anywhere on the window land on it.
-class AlertOverlay : public QKView
+// The dim and the card. Taps off the buttons do nothing: an alert wants an answer.
+class AlertOverlay : public QKModalOverlay
 {
 public:
-    AlertOverlay(const QString &title, const QString &message, const QStringList &buttons, int cancelIndex,
-                 std::function<void(int)> tapped)
-        : m_title(title), m_message(message), m_buttons(buttons), m_cancelIndex(cancelIndex),
-          m_tapped(std::move(tapped))
-    {
-        // QKView fills with its background colour, and an unset QColor reads as opaque black.
-        setBackgroundColor(Qt::transparent);
-    }
+    AlertOverlay(const QString &title, const QString &message, const QStringList &buttons, int cancelIndex)
+        : QKModalOverlay(buttons, cancelIndex), m_title(title), m_message(message)
+    {}
 
-    void setTapsEnabled(bool enabled) { m_tapsEnabled = enabled; }
-
-    // Inside an animation block the shown progress follows over time.
-    void animateProgress(qreal to)
-    {
-        m_appearing = to > m_progress;
-        if (!QKAnimation::animateValue(this, m_progress, to,
-                                       [this](const QVariant &value) { setProgress(value.toReal()); }))
-            setProgress(to);
-    }
-
-    QRectF buttonRect(int index) const
+    QRectF buttonRect(int index) const override
     {
         if (index < 0 || index >= m_buttons.size())
             return QRectF();
@@ -74,14 +51,14 @@ public:
 
     void drawRect(QPainter &painter, const QRectF &rect) override
     {
-        painter.fillRect(rect, QColor(0, 0, 0, qRound(255 * 0.3 * m_progress)));
+        painter.fillRect(rect, QColor(0, 0, 0, qRound(255 * 0.3 * progress())));
         const Layout layout = layoutFor();
         const QRectF card = layout.card;
         painter.save();
-        painter.setOpacity(m_progress);
-        if (m_appearing) {
+        painter.setOpacity(progress());
+        if (isAppearing()) {
             // Grows into place as it fades in, as the platform's does.
-            const qreal scale = 1.1 - 0.1 * m_progress;
+            const qreal scale = 1.1 - 0.1 * progress();
             painter.translate(card.center());
             painter.scale(scale, scale);
             painter.translate(-card.center());
@@ -97,7 +74,7 @@ public:
         const qreal hairline = 1.0 / painter.device()->devicePixelRatioF();
         for (int i = 0; i < m_buttons.size(); ++i) {
             const QRectF button = buttonRect(i);
-            if (i == m_pressed)
+            if (i == pressedIndex())
                 painter.fillRect(button, QColor(0, 0, 0, 20));
             if (button.top() > card.top())
                 painter.fillRect(QRectF(button.left(), button.top(), button.width(), hairline), Hairline);
@@ -108,34 +85,6 @@ public:
                                     1);
         }
         painter.restore();
-    }
-
-    void touchesEnded(const QPointF &location) override
-    {
-        // Taps off the buttons do nothing: an alert wants an answer.
-        const int index = buttonAt(location);
-        if (m_tapsEnabled && index >= 0)
-            m_tapped(index);
-    }
-
-protected:
-    void mousePressEvent(QMouseEvent *event) override
-    {
-        m_pressing = event->button() == Qt::LeftButton;
-        setPressed(m_pressing ? buttonAt(event->position()) : -1);
-        QKView::mousePressEvent(event);
-    }
-    void mouseMoveEvent(QMouseEvent *event) override
-    {
-        if (m_pressing)
-            setPressed(buttonAt(event->position()));
-        QKView::mouseMoveEvent(event);
-    }
-    void mouseReleaseEvent(QMouseEvent *event) override
-    {
-        m_pressing = false;
-        setPressed(-1);
-        QKView::mouseReleaseEvent(event);
     }
 
 private:
@@ -186,38 +135,8 @@ private:
         return layout;
     }
 
-    int buttonAt(const QPointF &point) const
-    {
-        for (int i = 0; i < m_buttons.size(); ++i)
-            if (buttonRect(i).contains(point))
-                return i;
-        return -1;
-    }
-
-    void setProgress(qreal progress)
-    {
-        m_progress = progress;
-        update();
-    }
-
-    void setPressed(int index)
-    {
-        if (m_pressed != index) {
-            m_pressed = index;
-            update();
-        }
-    }
-
     QString m_title;
     QString m_message;
-    QStringList m_buttons;
-    int m_cancelIndex;
-    std::function<void(int)> m_tapped;
-    qreal m_progress = 0;
-    bool m_appearing = true;
-    bool m_tapsEnabled = true;
-    bool m_pressing = false;
-    int m_pressed = -1;
 };
 
 } // namespace
@@ -233,76 +152,18 @@ QKAlertView::QKAlertView(const QString &title, const QString &message, const QSt
     m_buttons += otherButtonTitles;
 }
 
-QKAlertView::~QKAlertView()
-{
-    shownAlerts().removeOne(this);
-    if (m_view) {
-        m_view->removeFromSuperview();
-        m_view->deleteLater();
-    }
-}
-
 void QKAlertView::show()
 {
-    if (m_state != Idle)
-        return;
-    m_state = Shown;
-    shownAlerts().append(this);
-    QKWindow *window = QKWindow::keyWindow();
-    if (!window)
-        return;
-    QPointer<QKAlertView> self(this);
-    auto *overlay = new AlertOverlay(m_title, m_message, m_buttons, m_cancelIndex, [self](int index) {
-        if (self)
-            self->dismissWithClickedButtonIndex(index, true);
-    });
-    overlay->setFrame(window->bounds());
-    overlay->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
-    m_view = overlay;
-    // Gone with its window: nobody is left to answer, so the alert goes quietly.
-    connect(overlay, &QObject::destroyed, this, [this] {
-        shownAlerts().removeOne(this);
-        m_state = Dismissing;
-        deleteLater();
-    });
-    window->presentView(overlay);
-    QKAnimation::animate(FadeIn, 0, QKAnimation::CurveEaseOut, [overlay] { overlay->animateProgress(1); });
+    showInWindow(QKWindow::keyWindow());
 }
 
-void QKAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool animated)
+QKModalOverlay *QKAlertView::createOverlay() const
 {
-    if (m_state == Dismissing)
-        return;
-    m_state = Dismissing;
-    shownAlerts().removeOne(this);
-    if (!animated) {
-        finishDismissal(buttonIndex);
-        return;
-    }
-    QPointer<QKAlertView> self(this);
-    QPointer<AlertOverlay> overlay = static_cast<AlertOverlay *>(m_view.data());
-    if (overlay)
-        overlay->setTapsEnabled(false);
-    QKAnimation::animate(
-        FadeOut, 0, QKAnimation::CurveEaseIn,
-        [overlay] {
-            if (overlay)
-                overlay->animateProgress(0);
-        },
-        [self, buttonIndex](bool) {
-            if (self)
-                self->finishDismissal(buttonIndex);
-        });
+    return new AlertOverlay(m_title, m_message, m_buttons, m_cancelIndex);
 }
 
-void QKAlertView::finishDismissal(int buttonIndex)
+void QKAlertView::reportDismissal(int buttonIndex)
 {
-    if (m_view) {
-        disconnect(m_view, nullptr, this, nullptr);
-        m_view->removeFromSuperview();
-        m_view->deleteLater();
-        m_view = nullptr;
-    }
     QPointer<QKAlertView> self(this);
     emit dismissed(buttonIndex);
     if (self && m_handler) {
@@ -310,26 +171,19 @@ void QKAlertView::finishDismissal(int buttonIndex)
         m_handler = nullptr;
         handler(buttonIndex);
     }
-    if (self)
-        deleteLater();
 }
 
-QRectF QKAlertView::rectForButtonAtIndex(int index) const
+double QKAlertView::appearDuration() const
 {
-    if (!m_view)
-        return QRectF();
-    const QRectF rect = static_cast<AlertOverlay *>(m_view.data())->buttonRect(index);
-    if (rect.isEmpty())
-        return rect;
-    return rect.translated(m_view->convertPointToView(QPointF(0, 0), nullptr));
+    return FadeIn;
 }
 
-QKView *QKAlertView::view() const
+double QKAlertView::disappearDuration() const
 {
-    return m_view;
+    return FadeOut;
 }
 
 QList<QKAlertView *> QKAlertView::visibleAlerts()
 {
-    return shownAlerts();
+    return visiblePanels<QKAlertView>();
 }

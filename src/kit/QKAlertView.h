@@ -1,32 +1,26 @@
 #pragma once
 
-#include "QKGlobalKit.h"
+#include "QKModalPanel.h"
 
-#include <QObject>
-#include <QPointer>
-#include <QRectF>
 #include <QStringList>
 
 #include <functional>
 
-class QKView;
-
 /// The platform's alert: a white card with a bold title, a message and a row (two
-/// buttons) or column of buttons, centred over the dimmed key window. Buttons are
-/// numbered as on the platform: the cancel button 0 (when there is one), the others
-/// after it in order.
+/// buttons) or column of buttons, centred over the dimmed key window; it fades in
+/// and out. Buttons are numbered as on the platform: the cancel button 0 (when there
+/// is one), the others after it in order. Taps off the buttons do nothing.
 ///
 /// Ownership: the alert owns itself and deletes itself (deleteLater) after it was
 /// dismissed and dismissed() and the handler ran. One never dismissed lives until
 /// it is; one whose window is destroyed goes with it, reporting nothing. Main
 /// thread only.
-class MURMORA_EXPORT QKAlertView : public QObject
+class MURMORA_EXPORT QKAlertView : public QKModalPanel
 {
     Q_OBJECT
 public:
     QKAlertView(const QString &title, const QString &message, const QString &cancelButtonTitle,
                 const QStringList &otherButtonTitles = {});
-    ~QKAlertView() override;
 
     QString title() const { return m_title; }
     QString message() const { return m_message; }
@@ -42,31 +36,19 @@ public:
     /// Fades in over the key window. Without one nothing shows, but the alert is listed
     /// until dismissed. Only the first call counts.
     void show();
-    bool isVisible() const { return m_state == Shown; }
-    /// Fades out (at once when not animated), then emits dismissed and calls the handler.
-    void dismissWithClickedButtonIndex(int buttonIndex, bool animated);
-
-    /// Where the button is, in window coordinates; empty when not shown in a window
-    /// or there is no such button.
-    QRectF rectForButtonAtIndex(int index) const;
-    /// The dimmed view over the window that takes the taps; null when not shown.
-    QKView *view() const;
 
     /// The alerts shown and not yet dismissed, oldest first.
     static QList<QKAlertView *> visibleAlerts();
 
-signals:
-    void dismissed(int buttonIndex);
-
 private:
-    enum State { Idle, Shown, Dismissing };
-    void finishDismissal(int buttonIndex);
+    QKModalOverlay *createOverlay() const override;
+    void reportDismissal(int buttonIndex) override;
+    double appearDuration() const override;
+    double disappearDuration() const override;
 
     QString m_title;
     QString m_message;
     QStringList m_buttons;
     int m_cancelIndex = -1;
     std::function<void(int)> m_handler;
-    State m_state = Idle;
-    QPointer<QKView> m_view;
 };

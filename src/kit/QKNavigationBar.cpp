@@ -1,6 +1,7 @@
 #include "QKNavigationBar.h"
 
 #include "QKBarButtonItem.h"
+#include "QKFont.h"
 #include "QKNavigationItem.h"
 
 #include <QFontMetricsF>
@@ -10,12 +11,9 @@ namespace {
 
 constexpr double SideMargin = 8.0;
 
-QFont barFont(qreal pixels, bool bold)
+QFont barFont(qreal size, bool bold)
 {
-    QFont font;
-    font.setPixelSize(qRound(pixels));
-    font.setBold(bold);
-    return font;
+    return bold ? QKFont::boldSystem(size) : QKFont::system(size);
 }
 
 double itemWidth(const QKBarButtonItem *item)
