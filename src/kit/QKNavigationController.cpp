@@ -49,23 +49,23 @@ void QKNavigationController::showTop()
     QKViewController *top = topViewController();
     if (!m_bar)
         return;
-    m_bar->setItem(top ? top->navigationItem() : nullptr, top ? top->title() : QString());
-    if (!top)
+    if (!top) {
+        m_bar->setItem(nullptr, QString());
         return;
+    }
+    // Loaded first: screens set their title while their view loads.
     QKView *content = top->view();
+    m_bar->setItem(top->navigationItem(), top->title());
     content->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
     if (content->superview() != view())
         view()->addSubview(content);
     top->prepareViewForDisplay(contentFrame());
     content->setHidden(false);
     view()->bringSubviewToFront(m_bar);
-    connect(
-        top, &QKViewController::titleChanged, m_bar,
-        [this, top] {
-            if (topViewController() == top)
-                m_bar->setItem(top->navigationItem(), top->title());
-        },
-        Qt::UniqueConnection);
+    // The bar follows the title of whichever controller is on top.
+    disconnect(m_titleConnection);
+    m_titleConnection = connect(top, &QKViewController::titleChanged, m_bar,
+                                [this, top] { m_bar->setItem(top->navigationItem(), top->title()); });
 }
 
 void QKNavigationController::viewDidLayoutSubviews()

@@ -32,4 +32,5 @@ private:
     void showTop();
     QList<QKViewController *> m_stack;
     QKNavigationBar *m_bar = nullptr;
+    QMetaObject::Connection m_titleConnection;
 };

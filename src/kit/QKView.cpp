@@ -179,18 +179,22 @@ bool QKView::interactionBlocked() const
     return false;
 }
 
-void QKView::applyTransparency(QWidget *widget, bool transparent)
+void QKView::applyTransparency(QWidget *widget, bool blocked)
 {
-    widget->setAttribute(Qt::WA_TransparentForMouseEvents, transparent);
+    // A view whose own interaction is off stays off whatever its ancestors say.
+    if (auto *view = qobject_cast<QKView *>(widget); view && !view->m_userInteraction)
+        blocked = true;
+    widget->setAttribute(Qt::WA_TransparentForMouseEvents, blocked);
     for (QObject *child : widget->children())
         if (auto *childWidget = qobject_cast<QWidget *>(child); childWidget && !childWidget->isWindow())
-            applyTransparency(childWidget, transparent);
+            applyTransparency(childWidget, blocked);
 }
 
 void QKView::applyInteraction()
 {
     // Mouse events skip transparent widgets, so a tap lands on the nearest view that takes it.
-    applyTransparency(this, interactionBlocked());
+    const QKView *parent = superview();
+    applyTransparency(this, parent && parent->interactionBlocked());
 }
 
 QKView *QKView::superview() const

@@ -129,7 +129,7 @@ private:
     void applyGeometry(const QRectF &displayed);
     void autoresizeSubviews(const QSizeF &oldSize, const QSizeF &newSize);
     void applyInteraction();
-    static void applyTransparency(QWidget *widget, bool transparent);
+    static void applyTransparency(QWidget *widget, bool blocked);
     bool interactionBlocked() const;
 
     QRectF m_frame;

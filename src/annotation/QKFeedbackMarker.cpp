@@ -1,0 +1,15 @@
+#include "QKFeedbackMarker.h"
+
+#include "QKFeedbackPoint.h"
+
+QKFeedbackMarker::QKFeedbackMarker(const QRectF &frame, QWidget *parent) : QKView(frame, parent)
+{
+    setBackgroundColor(Qt::transparent);
+}
+
+QKFeedbackMarker::~QKFeedbackMarker() = default;
+
+void QKFeedbackMarker::drawRect(QPainter &painter, const QRectF &rect)
+{
+    QKFeedbackPoint::drawMarkerInRect(painter, rect);
+}

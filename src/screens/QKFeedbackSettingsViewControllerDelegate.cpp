@@ -1,0 +1,8 @@
+#include "QKFeedbackSettingsViewControllerDelegate.h"
+
+void QKFeedbackSettingsViewControllerDelegate::settingsViewControllerInit(QKFeedbackSettingsViewController *)
+{}
+
+void QKFeedbackSettingsViewControllerDelegate::settingsViewController(QKFeedbackSettingsViewController *,
+                                                                      const QString &)
+{}
