@@ -19,6 +19,7 @@
 #include "../kit/QKTextField.h"
 #include "../kit/QKWindow.h"
 #include "../screens/QKFeedbackSettingsViewController.h"
+#include "../screens/QKFeedbackYourItemsViewController.h"
 
 #include <QPointer>
 
@@ -148,6 +149,12 @@ void QKFeedback::actionSheetDidDismissWithButtonIndex(QKActionSheet *, int butto
         auto *send = new QKFeedbackSendViewController;
         send->setDelegate(this);
         screen = send;
+        break;
+    }
+    case 1: {
+        auto *list = new QKFeedbackYourItemsViewController;
+        list->setDataSource(m_dataSource);
+        screen = list;
         break;
     }
     case 2: {

@@ -100,10 +100,12 @@ void QKNavigationController::pushViewController(QKViewController *controller, bo
             if (outgoing)
                 outgoing->setFrame(frame.translated(-frame.width() / 3, 0));
         },
-        [outgoing, frame](bool) {
-            if (outgoing) {
-                outgoing->setHidden(true);
-                outgoing->setFrame(frame);
+        [self = QPointer<QKNavigationController>(this), covered = QPointer<QKView>(outgoing), frame](bool) {
+            // Popped back before the push ended: the screen is on top again and stays shown.
+            QKViewController *top = self ? self->topViewController() : nullptr;
+            if (covered && !(top && top->isViewLoaded() && top->view() == covered)) {
+                covered->setHidden(true);
+                covered->setFrame(frame);
             }
         });
 }

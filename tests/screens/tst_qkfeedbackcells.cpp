@@ -1,0 +1,368 @@
+// The item list's and the details screen's cells: their layout from their own width,
+// their texts, and the row heights the screens give them.
+
+#include "kit/QKActivityIndicatorView.h"
+#include "kit/QKDateFormatter.h"
+#include "kit/QKFont.h"
+#include "kit/QKTextMetrics.h"
+#include "screens/QKFeedbackIndicatorTableViewCell.h"
+#include "screens/QKFeedbackItemCommentTableViewCell.h"
+#include "screens/QKFeedbackItemImageTableViewCell.h"
+#include "screens/QKFeedbackItemTableViewCell.h"
+#include "screens/QKFeedbackYourItemsTableViewCell.h"
+
+#include <QApplication>
+#include <QPainter>
+#include <QtTest>
+
+#include <cfloat>
+
+static const QDateTime sentAt(QDate(2026, 11, 21), QTime(20, 34));
+static const QString sentAtText = QStringLiteral("Nov 21, 2026, 8:34 PM");
+static const QString longText =
+    QStringLiteral("The send button stays grey after I type a comment, and rotating the phone makes the "
+                   "screenshot jump to the top left corner of the screen.");
+
+static QKFeedbackItemPtr makeItem(const QString &text, const QString &state = QStringLiteral("Open"),
+                                  const QString &author = QString())
+{
+    auto item = QKFeedbackItem::create();
+    item->setText(text);
+    item->setState(state);
+    item->setAuthor(author);
+    item->setCreatedAt(sentAt);
+    return item;
+}
+
+static qreal lineHeight(qreal size)
+{
+    return QKTextMetrics::lineHeight(QKFont::system(size));
+}
+
+static qreal wrappedHeight(const QString &text, const QFont &font, qreal width)
+{
+    return QKTextMetrics::boundingRect(text, font, QSizeF(width, FLT_MAX)).height();
+}
+
+// Sizes the cell to its row, then fills it as the table does for a reused cell.
+template <typename Cell>
+static void show(Cell &cell, const QKFeedbackItemPtr &item, qreal height)
+{
+    cell.setFrame(QRectF(0, 0, 320, height));
+    cell.initWithItem(item);
+    cell.layoutIfNeeded();
+}
+
+class TestFeedbackCells : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { QKDateFormatter::setLocaleForTesting(QStringLiteral("en_US")); }
+    void cleanupTestCase() { QKDateFormatter::setLocaleForTesting(QString()); }
+
+    void itemCellLaysOutDateStateAndText_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("state");
+        QTest::newRow("one line") << QStringLiteral("Crash on login") << QStringLiteral("Open");
+        QTest::newRow("wrapped") << longText << QStringLiteral("Resolved");
+        QTest::newRow("nil text") << QString() << QStringLiteral("Open");
+        QTest::newRow("long state") << QStringLiteral("Crash")
+                                    << QStringLiteral("Waiting for the next release").repeated(3);
+    }
+    void itemCellLaysOutDateStateAndText()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, state);
+        const QKFeedbackItemPtr item = makeItem(text, state);
+        QKFeedbackItemTableViewCell cell;
+        const qreal row = QKFeedbackItemTableViewCell::heightForItem(item, 320, 480);
+        show(cell, item, row);
+
+        QCOMPARE(cell.dateLabel()->text(), sentAtText);
+        QCOMPARE(cell.stateLabel()->text(), state);
+        QCOMPARE(cell.titleLabel()->text().isNull(), text.isNull());
+        const QFont font = QKTextMetrics::defaultFont();
+        const qreal dw = QKTextMetrics::sizeWithFont(sentAtText, font).width();
+        const qreal dh = QKTextMetrics::lineHeight(font);
+        const qreal h =
+            text.isNull() ? 0 : wrappedHeight(text, QKFont::named(QStringLiteral("HelveticaNeue"), 16.5), 300);
+        QVERIFY(text != longText || h > 2 * dh);
+        QVERIFY(state.size() < 10 || QKTextMetrics::sizeWithFont(state, font).width() > 300 - dw);
+        QCOMPARE(cell.dateLabel()->frame(), QRectF(10, 5, dw, dh));
+        // The state fills the rest of the date's line up to 10 points from the edge, however long.
+        QCOMPARE(cell.stateLabel()->frame(), QRectF(dw + 10, 5, 300 - dw, dh));
+        QCOMPARE(cell.titleLabel()->frame(), QRectF(11, dh + 10, 300, h));
+        QCOMPARE(row, cell.titleLabel()->frame().bottom() + 10);
+    }
+
+    void commentCellLaysOutAuthorTextDateAndHairline_data()
+    {
+        QTest::addColumn<QString>("author");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("shownAuthor");
+        QTest::newRow("named") << QStringLiteral("Ada") << QStringLiteral("Fixed in 2.1") << QStringLiteral("Ada");
+        QTest::newRow("empty author") << QStringLiteral("") << longText << QStringLiteral("Anonymous");
+        QTest::newRow("missing author") << QString() << QStringLiteral("Thanks!") << QStringLiteral("Anonymous");
+        QTest::newRow("nil text") << QStringLiteral("Ada") << QString() << QStringLiteral("Ada");
+    }
+    void commentCellLaysOutAuthorTextDateAndHairline()
+    {
+        QFETCH(QString, author);
+        QFETCH(QString, text);
+        QFETCH(QString, shownAuthor);
+        const QKFeedbackItemPtr parent = makeItem(QStringLiteral("The parent item"));
+        const QKFeedbackItemPtr comment = makeItem(text, QString(), author);
+        QKFeedbackItemCommentTableViewCell cell;
+        const qreal row = QKFeedbackItemCommentTableViewCell::heightForComment(parent, comment, 320);
+        show(cell, comment, row);
+
+        QCOMPARE(cell.authorLabel()->text(), shownAuthor);
+        QCOMPARE(cell.dateLabel()->text(), sentAtText);
+        const qreal a = lineHeight(14);
+        const qreal h = text.isNull() ? 0 : wrappedHeight(text, QKFont::system(14), 310);
+        QCOMPARE(cell.authorLabel()->frame(), QRectF(10, 5, 310, a));
+        QCOMPARE(cell.titleLabel()->frame(), QRectF(10, a + 2, 310, h + 10));
+        QCOMPARE(cell.dateLabel()->frame(), QRectF(10, a + h + 10, 310, a));
+        QCOMPARE(cell.lineView()->frame(), QRectF(10, 2 * a + h + 9.5, 300, 0.5));
+        // The hairline is the row's last half point.
+        QCOMPARE(row, cell.lineView()->frame().bottom());
+    }
+
+    void imageCellFitsThePictureBetweenMargins_data()
+    {
+        QTest::addColumn<QImage>("picture");
+        QTest::addColumn<qreal>("row");
+        QImage retina(600, 300, QImage::Format_RGB32);
+        retina.setDevicePixelRatio(2);
+        QTest::newRow("portrait") << QImage(1000, 2000, QImage::Format_RGB32) << 600.0;
+        QTest::newRow("measured in points") << retina << 180.0;
+        QTest::newRow("zero size") << QImage(0, 0, QImage::Format_RGB32) << 0.0;
+        QTest::newRow("none") << QImage() << 0.0;
+    }
+    void imageCellFitsThePictureBetweenMargins()
+    {
+        QFETCH(QImage, picture);
+        QFETCH(qreal, row);
+        QCOMPARE(QKFeedbackItemImageTableViewCell::heightForImage(picture, 320), row);
+
+        QKFeedbackItemImageTableViewCell cell;
+        cell.setFrame(QRectF(0, 0, 320, qMax<qreal>(row, 44)));
+        const QRectF before(1, 2, 3, 4);
+        cell.image()->setFrame(before);
+        cell.image()->setImage(picture);
+        cell.setNeedsLayout();
+        cell.layoutIfNeeded();
+        if (row == 0)
+            QCOMPARE(cell.image()->frame(), before);
+        else
+            QCOMPARE(cell.image()->frame(), QRectF(20, 20, 280, row - 40));
+    }
+
+    void listCellShowsCommentCountAndState_data()
+    {
+        QTest::addColumn<QVariantMap>("params");
+        QTest::addColumn<int>("subItems");
+        QTest::addColumn<QString>("count");
+        const QString key = QStringLiteral("CommentsCount");
+        QTest::newRow("0") << QVariantMap{{key, 0}} << 0 << QStringLiteral("0 comments ");
+        QTest::newRow("1") << QVariantMap{{key, 1}} << 0 << QStringLiteral("0 comments ");
+        QTest::newRow("missing") << QVariantMap() << 0 << QStringLiteral("0 comments ");
+        QTest::newRow("5") << QVariantMap{{key, 5}} << 0 << QStringLiteral("4 comments ");
+        QTest::newRow("5 as text") << QVariantMap{{key, QStringLiteral(" 5")}} << 0 << QStringLiteral("4 comments ");
+        QTest::newRow("5.9") << QVariantMap{{key, 5.9}} << 0 << QStringLiteral("4 comments ");
+        QTest::newRow("nil sub-items") << QVariantMap{{key, 3}} << -1 << QStringLiteral("2 comments ");
+        QTest::newRow("loaded") << QVariantMap{{key, 5}} << 2 << QStringLiteral("2 comments <QKFeedbackItem: 0x%1>");
+    }
+    void listCellShowsCommentCountAndState()
+    {
+        QFETCH(QVariantMap, params);
+        QFETCH(int, subItems);
+        QFETCH(QString, count);
+        const QKFeedbackItemPtr item = makeItem(longText, QStringLiteral("Resolved"));
+        item->setParams(params);
+        if (subItems < 0)
+            item->subItems() = std::nullopt;
+        for (int i = 0; i < subItems; ++i)
+            item->addSubItem(makeItem(QStringLiteral("Comment %1").arg(i)));
+        if (subItems > 0)
+            count = count.arg(QString::number(quintptr(item->subItems()->constLast().data()), 16));
+        QKFeedbackYourItemsTableViewCell cell;
+        const qreal row = QKFeedbackYourItemsTableViewCell::heightForItem(item, 320);
+        show(cell, item, row);
+
+        QCOMPARE(cell.commentLabel()->text(), count);
+        QCOMPARE(cell.dateLabel()->text(), sentAtText);
+        QCOMPARE(cell.titleLabel()->text(), longText);
+        QCOMPARE(cell.stateLabel()->text(), QStringLiteral("Resolved"));
+        const qreal a = lineHeight(15);
+        const qreal b = lineHeight(12);
+        const qreal h = wrappedHeight(longText, QKFont::system(12), 300);
+        const qreal fitted = QKTextMetrics::sizeWithFont(count, QKFont::system(12)).width();
+        QCOMPARE(cell.dateLabel()->frame(), QRectF(10, 7, 310, a));
+        QCOMPARE(cell.titleLabel()->frame(), QRectF(10, a + 7, 310, h));
+        QCOMPARE(cell.commentLabel()->frame(), QRectF(10, a + 7 + h, fitted, b));
+        // The state shares the comment line and ends 10 points from the edge.
+        QCOMPARE(cell.stateLabel()->frame(), QRectF(fitted + 10, a + 7 + h, 300 - fitted, b));
+        QCOMPARE(row, cell.commentLabel()->frame().bottom() + 7);
+    }
+
+    // A label drawn in another font than its row was measured in gets cut off or gaps.
+    void labelsDrawAsMeasured()
+    {
+        QKFeedbackItemTableViewCell item;
+        QKFeedbackItemCommentTableViewCell comment;
+        QKFeedbackYourItemsTableViewCell list;
+        const QColor lightGrey(170, 170, 170), darkGrey(85, 85, 85), blue(0, 122, 255);
+        const struct
+        {
+            QKLabel *label;
+            QFont font;
+            QColor colour;
+            int lines;
+        } labels[] = {
+            {item.dateLabel(), QKTextMetrics::defaultFont(), lightGrey, 1},
+            {item.stateLabel(), QKTextMetrics::defaultFont(), blue, 1},
+            {item.titleLabel(), QKFont::named(QStringLiteral("HelveticaNeue"), 16.5), Qt::black, 0},
+            {comment.authorLabel(), QKFont::system(14), lightGrey, 1},
+            {comment.titleLabel(), QKFont::system(14), Qt::black, 0},
+            {comment.dateLabel(), QKFont::system(14), lightGrey, 1},
+            {list.dateLabel(), QKFont::system(15), Qt::black, 1},
+            {list.titleLabel(), QKFont::system(12), darkGrey, 0},
+            {list.commentLabel(), QKFont::system(12), darkGrey, 1},
+            {list.stateLabel(), QKFont::system(12), blue, 1},
+        };
+        for (const auto &expected : labels) {
+            QCOMPARE(expected.label->font(), expected.font);
+            QCOMPARE(expected.label->textColor(), expected.colour);
+            QCOMPARE(expected.label->numberOfLines(), expected.lines);
+        }
+        QCOMPARE(item.stateLabel()->textAlignment(), Qt::AlignRight);
+        QCOMPARE(list.stateLabel()->textAlignment(), Qt::AlignRight);
+    }
+
+    void listRowOfNilTextIsTwoLinesAndMargins()
+    {
+        const QKFeedbackItemPtr item = makeItem(QString());
+        QKFeedbackYourItemsTableViewCell cell;
+        show(cell, item, QKFeedbackYourItemsTableViewCell::heightForItem(item, 320));
+        QCOMPARE(cell.titleLabel()->frame().height(), 0.0);
+        QCOMPARE(cell.frame().height(), lineHeight(15) + lineHeight(12) + 14);
+    }
+
+    void cellsDoNotKeepTheirItems()
+    {
+        QKFeedbackItemTableViewCell itemCell;
+        QKFeedbackItemCommentTableViewCell commentCell;
+        QKFeedbackYourItemsTableViewCell listCell;
+        {
+            const QKFeedbackItemPtr item = makeItem(longText);
+            show(itemCell, item, 200);
+            show(commentCell, item, 200);
+            show(listCell, item, 200);
+            QCOMPARE(itemCell.feedbackItem(), item);
+            QCOMPARE(commentCell.feedbackItem(), item);
+            QCOMPARE(listCell.item(), item);
+        }
+        QVERIFY(!itemCell.feedbackItem() && !commentCell.feedbackItem() && !listCell.item());
+        // Laid out again without the item: the text's measure falls to nothing.
+        itemCell.setFrame(QRectF(0, 0, 300, 200));
+        commentCell.setFrame(QRectF(0, 0, 300, 200));
+        listCell.setFrame(QRectF(0, 0, 300, 200));
+        QCOMPARE(itemCell.titleLabel()->frame().height(), 0.0);
+        QCOMPARE(commentCell.titleLabel()->frame().height(), 10.0);
+        QCOMPARE(listCell.titleLabel()->frame().height(), 0.0);
+    }
+
+    void reusedItemCellFitsALongerDate()
+    {
+        QKFeedbackItemTableViewCell cell;
+        const QKFeedbackItemPtr early = makeItem(QStringLiteral("A"));
+        early->setCreatedAt(QDateTime(QDate(2026, 5, 1), QTime(1, 2)));
+        const QKFeedbackItemPtr late = makeItem(QStringLiteral("B"));
+        show(cell, early, 80);
+        show(cell, late, 80);
+        QCOMPARE(cell.dateLabel()->frame().width(),
+                 QKTextMetrics::sizeWithFont(sentAtText, QKTextMetrics::defaultFont()).width());
+        QVERIFY(cell.dateLabel()->frame().width() >
+                QKTextMetrics::sizeWithFont(QKDateFormatter::mediumDateShortTime(early->createdAt()),
+                                            QKTextMetrics::defaultFont())
+                    .width());
+    }
+
+    void indicatorSpinsInTheMiddle()
+    {
+        QKFeedbackIndicatorTableViewCell cell;
+        cell.setFrame(QRectF(0, 0, 320, 60));
+        QKActivityIndicatorView *spinner = cell.activityIndicator();
+        QCOMPARE(spinner->style(), QKActivityIndicatorView::Gray);
+        QCOMPARE(spinner->superview(), &cell);
+        QCOMPARE(spinner->center(), QPointF(160, 30));
+    }
+
+    void drawsTheCells()
+    {
+        QKView sheet(QRectF(0, 0, 393, 0));
+        sheet.setBackgroundColor(Qt::white);
+        qreal top = 0;
+        auto stack = [&](QKTableViewCell *cell, qreal height) {
+            sheet.setFrame(QRectF(0, 0, 393, top + height));
+            sheet.addSubview(cell);
+            cell->setFrame(QRectF(0, top, 393, height));
+            cell->layoutIfNeeded();
+            top += height;
+        };
+
+        const QKFeedbackItemPtr item = makeItem(longText);
+        item->setParams({{QStringLiteral("CommentsCount"), 3}});
+        QImage screenshot(393, 600, QImage::Format_RGB32);
+        screenshot.fill(QColor(238, 242, 250));
+        QPainter(&screenshot).fillRect(0, 0, 393, 90, QColor(52, 120, 246));
+        const QKFeedbackItemPtr named =
+            makeItem(QStringLiteral("Thanks, fixed in the next release."), {}, QStringLiteral("Ada"));
+        const QKFeedbackItemPtr anonymous =
+            makeItem(QStringLiteral("Still happens for me on 2.1 when the phone is turned."));
+
+        auto *itemCell = new QKFeedbackItemTableViewCell;
+        itemCell->initWithItem(item);
+        stack(itemCell, QKFeedbackItemTableViewCell::heightForItem(item, 393, 852));
+        auto *imageCell = new QKFeedbackItemImageTableViewCell;
+        imageCell->image()->setImage(screenshot);
+        stack(imageCell, QKFeedbackItemImageTableViewCell::heightForImage(screenshot, 393));
+        QKFeedbackItemCommentTableViewCell *commentCell = nullptr;
+        for (const QKFeedbackItemPtr &comment : {named, anonymous}) {
+            commentCell = new QKFeedbackItemCommentTableViewCell;
+            commentCell->initWithItem(comment);
+            stack(commentCell, QKFeedbackItemCommentTableViewCell::heightForComment(item, comment, 393));
+        }
+        auto *listCell = new QKFeedbackYourItemsTableViewCell;
+        listCell->initWithItem(item);
+        stack(listCell, QKFeedbackYourItemsTableViewCell::heightForItem(item, 393));
+
+        const QImage image = sheet.snapshot();
+        QVERIFY(image.save(QStringLiteral(MURMORA_TEST_OUTPUT "/cells.png")));
+        QCOMPARE(image.devicePixelRatio(), 3.0);
+        // The last comment's hairline: thin, whole and at the foot of the row.
+        const int rowEnd = int(commentCell->frame().bottom() * 3);
+        int grey = 0;
+        for (int y = rowEnd - 6; y <= rowEnd + 3; ++y)
+            grey += image.pixelColor(1000, y) == QColor(170, 170, 170);
+        QVERIFY(grey >= 1 && grey <= 2);
+        QCOMPARE(image.pixelColor(1000, rowEnd - 9), QColor(Qt::white));
+        // The screenshot's blue bar inside its grey border.
+        const QRectF picture = imageCell->image()->frame().translated(0, imageCell->frame().top());
+        QCOMPARE(image.pixelColor(int(picture.left() * 3) + 6, int(picture.top() * 3) + 6), QColor(52, 120, 246));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    // Phone screens: three pixels to the point.
+    qputenv("QT_SCALE_FACTOR", "3");
+    QApplication app(argc, argv);
+    TestFeedbackCells test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_qkfeedbackcells.moc"
