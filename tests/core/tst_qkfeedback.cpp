@@ -24,6 +24,7 @@
 #include "kit/QKWindow.h"
 #include "screens/QKFeedbackSettingsViewController.h"
 #include "support/FakeService.h"
+#include "support/ScreenDriver.h"
 
 #include <QApplication>
 #include <QJsonArray>
@@ -34,35 +35,11 @@
 
 #include <cstring>
 
+using namespace ScreenDriver;
+
 namespace {
 
 const QColor HostColour(200, 220, 240);
-
-// Clicks whatever a person would hit at `point` (window coordinates).
-void tapWindow(QKWindow *window, const QPointF &point)
-{
-    QWidget *target = window->childAt(point.toPoint());
-    if (!target)
-        target = window;
-    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(window, point.toPoint()));
-}
-
-void tapView(QKWindow *window, QKView *view)
-{
-    tapWindow(window, view->convertPointToView(view->bounds().center(), nullptr));
-}
-
-QKNavigationController *shownNavigation()
-{
-    return qobject_cast<QKNavigationController *>(QKFeedback::topMostController());
-}
-
-template <class Screen>
-Screen *topScreen()
-{
-    QKNavigationController *navigation = shownNavigation();
-    return navigation ? qobject_cast<Screen *>(navigation->topViewController()) : nullptr;
-}
 
 QColor pixel(const QImage &image, const QPointF &points)
 {
@@ -132,11 +109,7 @@ class TestFeedback : public QObject
         *screenOut = screen;
     }
 
-    void save(const QString &name)
-    {
-        QCoreApplication::processEvents();
-        m_window->snapshot().save(QStringLiteral(MURMORA_TEST_OUTPUT "/%1.png").arg(name));
-    }
+    void save(const QString &name) { ScreenDriver::save(m_window, QStringLiteral(MURMORA_TEST_OUTPUT), name); }
 
 private slots:
     void initTestCase()

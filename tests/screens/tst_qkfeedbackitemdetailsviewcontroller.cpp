@@ -28,6 +28,7 @@
 #include "screens/QKFeedbackItemTableViewCell.h"
 #include "screens/QKFeedbackSettingsViewController.h"
 #include "support/FakeService.h"
+#include "support/ScreenDriver.h"
 
 #include <QApplication>
 #include <QJsonDocument>
@@ -38,19 +39,7 @@
 
 static const QString ApiKey = QStringLiteral("APP");
 
-// Clicks whatever a person would hit at `point` (window coordinates).
-static void tapWindow(QKWindow *window, const QPointF &point)
-{
-    QWidget *target = window->childAt(point.toPoint());
-    if (!target)
-        target = window;
-    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(window, point.toPoint()));
-}
-
-static void tapView(QKWindow *window, QKView *view)
-{
-    tapWindow(window, view->convertPointToView(view->bounds().center(), nullptr));
-}
+using namespace ScreenDriver;
 
 // A phone screen of some app: a blue bar, a few grey rows and an orange button.
 static QImage appScreenshot(const QSize &size)

@@ -20,6 +20,7 @@
 #include "screens/QKFeedbackItemDetailsViewController.h"
 #include "screens/QKFeedbackYourItemsViewController.h"
 #include "support/FakeService.h"
+#include "support/ScreenDriver.h"
 
 #include <QApplication>
 #include <QJsonArray>
@@ -27,18 +28,12 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+using namespace ScreenDriver;
+
 namespace {
 
 const QString Key = QStringLiteral("APP");
 const QString Device = QStringLiteral("device-1");
-
-void tapWindow(QKWindow *window, const QPointF &point)
-{
-    QWidget *target = window->childAt(point.toPoint());
-    if (!target)
-        target = window;
-    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(window, point.toPoint()));
-}
 
 QString screenshotBase64(const QColor &colour)
 {
@@ -48,18 +43,6 @@ QString screenshotBase64(const QColor &colour)
     painter.fillRect(0, 0, 120, 30, QColor(52, 120, 246));
     painter.end();
     return QKBase64::encodeWithLineBreaks(QKPNGCodec::encode(image));
-}
-
-QKNavigationController *shownNavigation()
-{
-    return qobject_cast<QKNavigationController *>(QKFeedback::topMostController());
-}
-
-template <class Screen>
-Screen *topScreen()
-{
-    QKNavigationController *navigation = shownNavigation();
-    return navigation ? qobject_cast<Screen *>(navigation->topViewController()) : nullptr;
 }
 
 QStringList texts(const QKFeedbackItemList &items)
@@ -132,11 +115,7 @@ class TestYourItems : public QObject
         QTRY_VERIFY(!QKFeedback::feedbackIsShown());
     }
 
-    void save(const QString &name)
-    {
-        QCoreApplication::processEvents();
-        m_window->snapshot().save(QStringLiteral(MURMORA_TEST_OUTPUT "/%1.png").arg(name));
-    }
+    void save(const QString &name) { ScreenDriver::save(m_window, QStringLiteral(MURMORA_TEST_OUTPUT), name); }
 
 private slots:
     void initTestCase()
