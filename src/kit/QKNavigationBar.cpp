@@ -61,9 +61,25 @@ QString QKNavigationBar::shownTitle() const
     return m_item && !m_item->title().isNull() ? m_item->title() : m_fallbackTitle;
 }
 
+void QKNavigationBar::setBackItem(QKBarButtonItem *item)
+{
+    if (m_backItem && m_backItem != item)
+        m_backItem->deleteLater();
+    m_backItem = item;
+    if (item)
+        item->setParent(this);
+    update();
+}
+
+QKBarButtonItem *QKNavigationBar::leftItem() const
+{
+    QKBarButtonItem *own = m_item ? m_item->leftBarButtonItem() : nullptr;
+    return own ? own : m_backItem.data();
+}
+
 QRectF QKNavigationBar::leftRect() const
 {
-    const QKBarButtonItem *item = m_item ? m_item->leftBarButtonItem() : nullptr;
+    const QKBarButtonItem *item = leftItem();
     return item ? QRectF(0, 0, itemWidth(item), frame().height()) : QRectF();
 }
 
@@ -76,22 +92,20 @@ QRectF QKNavigationBar::rightRect() const
 
 QRectF QKNavigationBar::rectForItem(const QKBarButtonItem *item) const
 {
-    if (!m_item || !item)
+    if (!item)
         return QRectF();
-    if (item == m_item->leftBarButtonItem())
+    if (item == leftItem())
         return leftRect();
-    if (item == m_item->rightBarButtonItem())
+    if (m_item && item == m_item->rightBarButtonItem())
         return rightRect();
     return QRectF();
 }
 
 QKBarButtonItem *QKNavigationBar::itemAt(const QPointF &point) const
 {
-    if (!m_item)
-        return nullptr;
     if (leftRect().contains(point))
-        return m_item->leftBarButtonItem();
-    if (rightRect().contains(point))
+        return leftItem();
+    if (m_item && rightRect().contains(point))
         return m_item->rightBarButtonItem();
     return nullptr;
 }
@@ -115,8 +129,8 @@ void QKNavigationBar::drawRect(QPainter &painter, const QRectF &rect)
     painter.drawText(titleRect, Qt::AlignCenter,
                      QFontMetricsF(painter.font()).elidedText(shownTitle(), Qt::ElideRight, titleRect.width()));
 
-    for (const auto &[item, area] : {std::pair{m_item ? m_item->leftBarButtonItem() : nullptr, left},
-                                     std::pair{m_item ? m_item->rightBarButtonItem() : nullptr, right}}) {
+    for (const auto &[item, area] :
+         {std::pair{leftItem(), left}, std::pair{m_item ? m_item->rightBarButtonItem() : nullptr, right}}) {
         if (!item)
             continue;
         QColor color = m_tint;

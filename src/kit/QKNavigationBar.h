@@ -23,6 +23,12 @@ public:
 
     /// The item shown, and the title to fall back to when the item has none.
     void setItem(QKNavigationItem *item, const QString &fallbackTitle);
+    /// The back button shown on the left when the item has no left button of its own
+    /// (null: none). The bar takes ownership.
+    void setBackItem(QKBarButtonItem *item);
+    QKBarButtonItem *backItem() const { return m_backItem; }
+    /// The button on the left: the item's own, else the back button.
+    QKBarButtonItem *leftItem() const;
     QString shownTitle() const;
     /// The bar button item at `x` (bar coordinates), for taps; null when none.
     QKBarButtonItem *itemAt(const QPointF &point) const;
@@ -37,6 +43,7 @@ private:
     QRectF rightRect() const;
     QPointer<QKNavigationItem> m_item;
     QString m_fallbackTitle;
+    QPointer<QKBarButtonItem> m_backItem;
     bool m_translucent = false;
     QColor m_tint;
 };

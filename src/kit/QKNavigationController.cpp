@@ -3,6 +3,8 @@
 #include "QKAnimation.h"
 #include "QKNavigationBar.h"
 
+#include "../base/QKLocalizedString.h"
+
 #include <QTimer>
 
 namespace {
@@ -56,6 +58,15 @@ void QKNavigationController::showTop()
     // Loaded first: screens set their title while their view loads.
     QKView *content = top->view();
     m_bar->setItem(top->navigationItem(), top->title());
+    // A pushed screen without a left button of its own gets a way back.
+    if (m_stack.size() > 1) {
+        const QString previous = m_stack.at(m_stack.size() - 2)->title();
+        const QString title = previous.isEmpty() ? QKLocalizedString("Back") : previous;
+        m_bar->setBackItem(new QKBarButtonItem(QStringLiteral("\u2039 ") + title, QKBarButtonItem::Plain,
+                                               [this](QKBarButtonItem *) { popViewControllerAnimated(true); }));
+    } else {
+        m_bar->setBackItem(nullptr);
+    }
     content->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
     if (content->superview() != view())
         view()->addSubview(content);

@@ -183,6 +183,15 @@ private slots:
         QCOMPARE(bar->shownTitle(), QStringLiteral("Feedback"));
         QTRY_COMPARE(pushed->view()->geometry().topLeft(), QPoint(0, 44)); // slid in
         QTRY_VERIFY(rootScreen->view()->isHidden());
+        // A pushed screen without a left button of its own gets a back button that pops.
+        QKBarButtonItem *back = bar->leftItem();
+        QVERIFY(back);
+        QCOMPARE(back->title(), QStringLiteral("\u2039 Your feedback"));
+        auto *second = new Probe(&m_log, QStringLiteral("c"));
+        navigation->pushViewController(second, false);
+        tap(bar, bar->rectForItem(bar->leftItem()).center());
+        QCOMPARE(navigation->topViewController(), pushed);
+        QTRY_VERIFY(m_log.contains(QStringLiteral("c deleted")));
         QCOMPARE(navigation->popViewControllerAnimated(true), pushed);
         QCOMPARE(navigation->viewControllers(), QList<QKViewController *>{rootScreen});
         QCOMPARE(bar->shownTitle(), QStringLiteral("Your feedback"));

@@ -194,10 +194,18 @@ private slots:
         const QKFeedbackItemPtr item = list->feedbackItems().first();
         QCOMPARE(item->key(), m_newestId);
         QVERIFY(item->image().isNull());
+        // A slow screenshot shows the loading state first.
+        FakeService::Answer slowImage;
+        slowImage.delayMs = 300;
+        slowImage.contentType = "image/png";
+        slowImage.body = m_service.storedImage(item->params().value(QStringLiteral("ImageUri")).toString());
+        m_service.answer("GET", QStringLiteral("/files/"), slowImage, 1);
         tapWindow(m_window, list->itemsTableView()->convertPointToView(
                                 list->itemsTableView()->rectForRowAtIndexPath(QKIndexPath(0, 0)).center(), nullptr));
         QKFeedbackItemDetailsViewController *details = nullptr;
         QTRY_VERIFY((details = topScreen<QKFeedbackItemDetailsViewController>()));
+        QVERIFY(details->feedbackTableView()->isHidden());
+        save(QStringLiteral("tour-details-loading"));
         QTRY_VERIFY(!details->feedbackTableView()->isHidden());
         QCOMPARE(item->image().size(), QSize(120, 260));
         QTRY_COMPARE(item->subItems()->size(), 2);
