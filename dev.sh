@@ -45,12 +45,26 @@ run_tests() {
   ctest --preset "$preset" "$@"
 }
 
+demo() {
+  configure
+  cmake --build --preset "$preset" --target murmora-demo
+  local binary="build/$preset/examples/demo/murmora-demo"
+  if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+    echo "No display: running the scripted tour offscreen at phone size."
+    "$binary" --tour --tour-dir "build/$preset/tour" "$@"
+  else
+    "$binary" "$@"
+  fi
+}
+
 usage() {
   cat <<USAGE
 usage: ./dev.sh COMMAND
   deps     install the Debian packages Murmora needs (apt-get, when missing)
   build    configure and build (PRESET=dev|asan|tsan|release, default dev)
   test     deps, build, then run every test headless
+  demo     deps, build, then run the demo (without a display: its scripted tour,
+           pictures in build/dev/tour); demo options: --local, --service URL --key K --uid U [--ca FILE]
 USAGE
 }
 
@@ -60,5 +74,6 @@ case "$cmd" in
   deps) deps ;;
   build) deps; build ;;
   test) deps; build; run_tests "$@" ;;
+  demo) deps; demo "$@" ;;
   *) usage; exit 2 ;;
 esac

@@ -1,0 +1,157 @@
+#include "Tour.h"
+
+#include "annotation/QKFeedbackSendViewController.h"
+#include "annotation/QKFeedbackSurfaceView.h"
+#include "annotation/QKFeedbackTextView.h"
+#include "core/QKFeedback.h"
+#include "kit/QKActionSheet.h"
+#include "kit/QKAlertView.h"
+#include "kit/QKButton.h"
+#include "kit/QKNavigationBar.h"
+#include "kit/QKNavigationController.h"
+#include "kit/QKTableView.h"
+#include "kit/QKTextField.h"
+#include "kit/QKWindow.h"
+#include "screens/QKFeedbackItemDetailsViewController.h"
+#include "screens/QKFeedbackSettingsViewController.h"
+#include "screens/QKFeedbackYourItemsViewController.h"
+
+#include <QElapsedTimer>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QTest>
+
+#include <cstdio>
+
+namespace {
+
+QKNavigationController *shownNavigation()
+{
+    return qobject_cast<QKNavigationController *>(QKFeedback::topMostController());
+}
+
+template <class Screen>
+Screen *topScreen()
+{
+    QKNavigationController *navigation = shownNavigation();
+    return navigation ? qobject_cast<Screen *>(navigation->topViewController()) : nullptr;
+}
+
+QPointF centreInWindow(QKView *view)
+{
+    return view->convertPointToView(view->bounds().center(), nullptr);
+}
+
+} // namespace
+
+template <class Condition>
+bool Tour::waitFor(Condition condition, int milliseconds)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!condition()) {
+        if (clock.elapsed() > milliseconds)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        QTest::qWait(10);
+    }
+    QTest::qWait(50);
+    return true;
+}
+
+void Tour::tap(const QPointF &point)
+{
+    QWidget *target = m_window->childAt(point.toPoint());
+    if (!target)
+        target = m_window;
+    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(m_window, point.toPoint()));
+}
+
+bool Tour::step(const char *name, bool done)
+{
+    if (!done) {
+        std::fprintf(stderr, "tour: step \"%s\" did not happen\n", name);
+        return false;
+    }
+    const QString file = m_directory.filePath(
+        QStringLiteral("%1-%2.png").arg(++m_step, 2, 10, QLatin1Char('0')).arg(QLatin1String(name)));
+    m_window->snapshot().save(file);
+    std::printf("  %s\n", qPrintable(file));
+    return true;
+}
+
+bool Tour::run()
+{
+    std::printf("Pictures of the tour:\n");
+    if (!step("notes", waitFor([this] { return m_window->isVisible(); })))
+        return false;
+
+    // The app's own button opens the menu.
+    auto *button = m_window->findChild<QPushButton *>();
+    QTest::mouseClick(button, Qt::LeftButton);
+    if (!step("menu", waitFor([] { return QKActionSheet::visibleSheets().size() == 1; })))
+        return false;
+    tap(QKActionSheet::visibleSheets().first()->rectForButtonAtIndex(0).center());
+    QKFeedbackSendViewController *send = nullptr;
+    if (!step("send-screen", waitFor([&] { return (send = topScreen<QKFeedbackSendViewController>()); })))
+        return false;
+
+    // Two markers, each with its comment.
+    const QStringList comments{QStringLiteral("The list cuts the last line"),
+                               QStringLiteral("This button is hard to find")};
+    const QList<QPointF> places{QPointF(0.5, 0.22), QPointF(0.82, 0.04)};
+    for (int i = 0; i < 2; ++i) {
+        QKView *surface = send->surfaceView();
+        const QSizeF size = surface->frame().size();
+        tap(surface->convertPointToView(QPointF(size.width() * places[i].x(), size.height() * places[i].y()), nullptr));
+        if (!waitFor([&] { return send->textView() && send->textView()->textField()->isFirstResponder(); }))
+            return step("comment-bar", false);
+        QTest::keyClicks(send->textView()->textField()->lineEdit(), comments[i]);
+        if (i == 1 && !step("markers", true))
+            return false;
+        tap(centreInWindow(send->textView()->sendButton()));
+        if (!waitFor([&] { return !send->textView(); }))
+            return step("comment-done", false);
+    }
+    QKNavigationBar *bar = shownNavigation()->navigationBar();
+    tap(bar->convertPointToView(bar->rectForItem(send->navigationItem()->rightBarButtonItem()).center(), nullptr));
+
+    QKFeedbackSettingsViewController *name = nullptr;
+    if (!waitFor([&] { return (name = topScreen<QKFeedbackSettingsViewController>()); }))
+        return step("name-screen", false);
+    tap(centreInWindow(name->nameTextField()));
+    QTest::keyClicks(name->nameTextField()->lineEdit(), QStringLiteral("Ada Lovelace"));
+    if (!step("name-screen", true))
+        return false;
+    tap(centreInWindow(name->continueButton()));
+    if (!step("sent",
+              waitFor([] { return QKAlertView::visibleAlerts().size() == 1 && !QKFeedback::feedbackIsShown(); })))
+        return false;
+    tap(QKAlertView::visibleAlerts().first()->rectForButtonAtIndex(0).center());
+    waitFor([] { return QKAlertView::visibleAlerts().isEmpty(); });
+
+    // Browse what was sent, open it, and add a comment.
+    QKFeedback::showFeedback();
+    waitFor([] { return QKActionSheet::visibleSheets().size() == 1; });
+    tap(QKActionSheet::visibleSheets().first()->rectForButtonAtIndex(1).center());
+    QKFeedbackYourItemsViewController *list = nullptr;
+    if (!step("your-feedback", waitFor([&] {
+                  list = topScreen<QKFeedbackYourItemsViewController>();
+                  return list && !list->itemsTableView()->isHidden();
+              })))
+        return false;
+    QKTableView *table = list->itemsTableView();
+    tap(table->convertPointToView(table->rectForRowAtIndexPath(QKIndexPath(0, 0)).center(), nullptr));
+    QKFeedbackItemDetailsViewController *details = nullptr;
+    if (!step("details", waitFor([&] {
+                  details = topScreen<QKFeedbackItemDetailsViewController>();
+                  return details && !details->feedbackTableView()->isHidden();
+              })))
+        return false;
+    tap(centreInWindow(details->textView()->textField()));
+    QTest::keyClicks(details->textView()->textField()->lineEdit(),
+                     QStringLiteral("Fixed in the next version, thanks!"));
+    tap(centreInWindow(details->textView()->sendButton()));
+    const QKFeedbackItemPtr item = details->feedbackItem();
+    return step("comment", waitFor([&] { return item && item->subItems() && item->subItems()->size() == 1; }));
+}
