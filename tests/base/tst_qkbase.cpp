@@ -147,6 +147,8 @@ private slots:
         QTest::newRow("RGB32 opaque") << QImage::Format_RGB32 << QSize(32, 32) << 1.0;
         QTest::newRow("1x1") << QImage::Format_ARGB32 << QSize(1, 1) << 1.0;
         QTest::newRow("13x7, ratio 3") << QImage::Format_ARGB32 << QSize(13, 7) << 3.0;
+        QTest::newRow("1x5000 opaque") << QImage::Format_RGB32 << QSize(1, 5000) << 1.0;
+        QTest::newRow("4097x3 with alpha") << QImage::Format_ARGB32 << QSize(4097, 3) << 1.0;
     }
     void pngRoundTrip()
     {
