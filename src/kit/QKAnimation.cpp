@@ -21,14 +21,13 @@ struct Transaction
     bool blockDone = false;
     std::function<void(bool)> completion;
 
-    void finishIfDone(const std::shared_ptr<Transaction> &self)
+    void finishIfDone()
     {
         if (blockDone && running == 0 && completion) {
             auto done = std::move(completion);
             completion = nullptr;
             QTimer::singleShot(0, [done] { done(true); });
         }
-        Q_UNUSED(self);
     }
 };
 
@@ -66,7 +65,7 @@ void QKAnimation::animate(double duration, double delay, int options, const std:
         animations();
     current = outer;
     transaction->blockDone = true;
-    transaction->finishIfDone(transaction);
+    transaction->finishIfDone();
 }
 
 void QKAnimation::animate(double duration, const std::function<void()> &animations,
@@ -107,7 +106,7 @@ bool QKAnimation::animateValue(QObject *owner, const QVariant &from, const QVari
     QObject::connect(group, &QAbstractAnimation::finished, group, [transaction, apply, to, group] {
         apply(to);
         --transaction->running;
-        transaction->finishIfDone(transaction);
+        transaction->finishIfDone();
         group->deleteLater();
     });
     group->setObjectName(QString::fromLatin1(GroupName));

@@ -65,7 +65,18 @@ private slots:
     void cleanup()
     {
         delete m_window;
-        QTRY_VERIFY(m_log.isEmpty() || m_log.last().endsWith(QStringLiteral("deleted")) || true);
+        // Every controller that was shown goes with its window: none is left behind.
+        const auto names = [this](const QString &suffix) {
+            QStringList out;
+            for (const QString &line : std::as_const(m_log))
+                if (line.endsWith(suffix))
+                    out.append(line.chopped(suffix.size()));
+            out.sort();
+            out.removeDuplicates();
+            return out;
+        };
+        for (const QString &name : names(QStringLiteral(" loaded")))
+            QTRY_VERIFY2(names(QStringLiteral(" deleted")).contains(name), qPrintable(name));
     }
 
     void viewsAutoresizeAndLayOut()
