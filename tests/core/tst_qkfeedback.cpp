@@ -244,6 +244,27 @@ private slots:
         }
     }
 
+    void transitionStyle()
+    {
+        // With animations on, style 0 slides the screens up; a negative style shows them at once.
+        QKAnimation::setAnimationsEnabled(true);
+        for (const qint64 style : {qint64(-1), qint64(0)}) {
+            QKFeedback::sharedInstance()->showFeedback(style);
+            tapMenu(2);
+            QKFeedbackSettingsViewController *name = nullptr;
+            QTRY_VERIFY((name = topScreen<QKFeedbackSettingsViewController>()));
+            const int shownAt = shownNavigation()->view()->geometry().top();
+            if (style < 0)
+                QCOMPARE(shownAt, 0);
+            else
+                QVERIFY2(shownAt > 0, "the screens did not slide in");
+            QTRY_COMPARE(shownNavigation()->view()->geometry().top(), 0);
+            tapBarItem(name->navigationItem()->leftBarButtonItem());
+            QTRY_VERIFY(!QKFeedback::feedbackIsShown());
+        }
+        QKAnimation::setAnimationsEnabled(false);
+    }
+
     void savedNameComesBackInANewProcess()
     {
         QProcess process;
