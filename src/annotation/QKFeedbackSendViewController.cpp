@@ -244,29 +244,53 @@ void QKFeedbackSendViewController::backTouched(QKBarButtonItem *)
 
 QKFeedbackItemList QKFeedbackSendViewController::feedbackItems() const
 {
-    QKFeedbackItemList items;
     if (!m_surfaceView)
+        return QKFeedbackItemList();
+    return itemsForPoints(QKFeedback::sharedInstance()->screenshot(), m_surfaceView->originalImageSize(),
+                          m_surfaceView->feedbackPoints());
+}
+
+QKFeedbackItemList QKFeedbackSendViewController::itemsForPoints(const QImage &screenshot, const QSizeF &size,
+                                                                const QList<QKFeedbackPointPtr> &points)
+{
+    QKFeedbackItemList items;
+    if (points.isEmpty())
         return items;
-    const QSizeF size = m_surfaceView->originalImageSize();
-    for (const QKFeedbackPointPtr &point : m_surfaceView->feedbackPoints()) {
+    // Every item's picture is the screenshot drawn into a canvas of the item's size
+    // with its own marker on top. The canvas is drawn once and shared: each item
+    // keeps only the square under its marker, and the PNGs share the rest.
+    const qreal ratio = screenshot.devicePixelRatio();
+    QImage canvas(QSize(qCeil(size.width() * ratio), qCeil(size.height() * ratio)),
+                  QImage::Format_ARGB32_Premultiplied);
+    canvas.setDevicePixelRatio(ratio);
+    canvas.fill(Qt::transparent);
+    {
+        QPainter painter(&canvas);
+        painter.setRenderHint(QPainter::SmoothPixmapTransform);
+        painter.drawImage(QRectF(QPointF(0, 0), size), screenshot);
+    }
+    const QKPNGBands base(canvas);
+    for (const QKFeedbackPointPtr &point : points) {
         auto item = QKFeedbackItem::create();
         item->setState(QKLocalizedString("Open"));
         item->setCreatedAt(QDateTime::currentDateTimeUtc());
         item->setText(point->annotationText());
 
-        const QImage screenshot = QKFeedback::sharedInstance()->screenshot();
-        const qreal ratio = screenshot.devicePixelRatio();
-        QImage image(QSize(qCeil(size.width() * ratio), qCeil(size.height() * ratio)),
-                     QImage::Format_ARGB32_Premultiplied);
-        image.setDevicePixelRatio(ratio);
-        image.fill(Qt::transparent);
-        {
-            QPainter painter(&image);
-            painter.setRenderHint(QPainter::SmoothPixmapTransform);
-            painter.drawImage(QRectF(QPointF(0, 0), size), screenshot);
+        const QRectF marker(point->location() - QPointF(point->size().width(), point->size().height()) * 0.5,
+                            point->size());
+        // A pixel more on each side for the antialiased edge.
+        const QRect area =
+            QRectF(marker.topLeft() * ratio, marker.size() * ratio).toAlignedRect().adjusted(-2, -2, 2, 2) &
+            canvas.rect();
+        QImage patch = canvas.copy(area);
+        patch.setDevicePixelRatio(1.0);
+        if (!area.isEmpty()) {
+            // The canvas's own device transform, moved so the patch's corner is the origin.
+            QPainter painter(&patch);
+            painter.setTransform(QTransform(ratio, 0, 0, ratio, -area.x(), -area.y()));
             point->drawInContext(painter, nullptr);
         }
-        item->setImage(image);
+        item->setImage(base, patch, area.topLeft());
         items.append(item);
     }
     return items;

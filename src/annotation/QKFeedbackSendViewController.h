@@ -53,6 +53,10 @@ public:
     /// One item per marker, in order: the screenshot at its full size with only that
     /// marker drawn on it, its comment, state "Open", created now.
     QKFeedbackItemList feedbackItems() const;
+    /// One item per point: the screenshot drawn at `size` (points) with that point's
+    /// marker, state "Open", created now, the point's text.
+    static QKFeedbackItemList itemsForPoints(const QImage &screenshot, const QSizeF &size,
+                                             const QList<QKFeedbackPointPtr> &points);
 
     QKScrollView *scrollView() const { return m_scrollView; }
     QKLabel *label() const { return m_label; }

@@ -56,6 +56,11 @@ int closeKeepingErrno(int fd)
 
 bool QKAtomicFile::write(const QString &path, const QByteArray &data, QString *errorString)
 {
+    return write(path, QList<QByteArray>{data}, errorString);
+}
+
+bool QKAtomicFile::write(const QString &path, const QList<QByteArray> &pieces, QString *errorString)
+{
     const QFileInfo target(path);
     const QString directory = target.absolutePath();
     if (!QDir().mkpath(directory))
@@ -63,7 +68,12 @@ bool QKAtomicFile::write(const QString &path, const QByteArray &data, QString *e
 
 #ifdef Q_OS_WIN
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size() || !file.commit())
+    if (!file.open(QIODevice::WriteOnly))
+        return fail(errorString, file.errorString());
+    for (const QByteArray &data : pieces)
+        if (file.write(data) != data.size())
+            return fail(errorString, file.errorString());
+    if (!file.commit())
         return fail(errorString, file.errorString());
     return true;
 #else
@@ -75,7 +85,10 @@ bool QKAtomicFile::write(const QString &path, const QByteArray &data, QString *e
         return fail(errorString, systemError(QStringLiteral("cannot create a temporary file in"), directory));
     const QString tempName = QFile::decodeName(tempPath);
 
-    if (!writeAll(fd, data.constData(), data.size()) || ::fsync(fd) != 0) {
+    bool written = true;
+    for (const QByteArray &data : pieces)
+        written = written && writeAll(fd, data.constData(), data.size());
+    if (!written || ::fsync(fd) != 0) {
         const QString message = systemError(QStringLiteral("cannot write"), tempName);
         closeKeepingErrno(fd);
         ::unlink(tempPath.constData());

@@ -3,6 +3,7 @@
 #include "QKGlobal.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 
 /// Replaces files whole: a reader (or a crash at any moment) sees either the old
@@ -16,4 +17,6 @@ public:
     /// old file is untouched, no temporary file is left, `false` is returned and
     /// `errorString` (when given) says why.
     static bool write(const QString &path, const QByteArray &data, QString *errorString = nullptr);
+    /// The same with the content given in pieces, written one after the other.
+    static bool write(const QString &path, const QList<QByteArray> &pieces, QString *errorString = nullptr);
 };

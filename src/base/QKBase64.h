@@ -3,6 +3,7 @@
 #include "QKGlobal.h"
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 
 /// Base64 as the records store images: lines of 64 characters joined by CR LF,
@@ -18,4 +19,8 @@ public:
     /// ('=') may only end the text and must make its length a multiple of four; text that
     /// breaks that rule, or a null string, gives a null array.
     static QByteArray decodeIgnoringUnknownCharacters(const QString &text);
+
+    /// The same two as ASCII bytes, without going through UTF-16: large images.
+    static QByteArray encodeWithLineBreaksToASCII(const QByteArray &data);
+    static QByteArray decodeASCIIIgnoringUnknownCharacters(QByteArrayView ascii);
 };

@@ -8,14 +8,14 @@
 #include <QList>
 #include <QSet>
 
-#include <plist/plist.h>
+#include "QKBinaryPropertyListWriter_p.h"
 
 QKCoding::~QKCoding() = default;
 
 struct QKKeyedArchiver::Private
 {
     // $objects in UID order; each slot is filled once its object is complete.
-    QList<plist_t> objects;
+    QList<QKPlistNode> objects;
     QHash<QString, quint64> strings;
     QHash<QByteArray, quint64> datas;
     QHash<qint64, quint64> dates;
@@ -23,28 +23,18 @@ struct QKKeyedArchiver::Private
     QHash<QString, quint64> classes;
     QHash<const QKCoding *, quint64> coded;
     QSet<const QKCoding *> encoding;
-    QList<plist_t> containers; // the object dictionaries being filled
+    QList<QKPlistNode> containers; // the object dictionaries being filled
     int depth = 0;
 
-    ~Private()
+    quint64 append(QKPlistNode object)
     {
-        for (plist_t object : objects)
-            if (object)
-                plist_free(object);
-        // Open containers are owned by their slot in `objects` only once finished.
-        for (plist_t container : containers)
-            plist_free(container);
-    }
-
-    quint64 append(plist_t object)
-    {
-        objects.append(object);
+        objects.append(std::move(object));
         return quint64(objects.size() - 1);
     }
 
     quint64 reserve()
     {
-        objects.append(nullptr);
+        objects.append(QKPlistNode());
         return quint64(objects.size() - 1);
     }
 
@@ -53,13 +43,13 @@ struct QKKeyedArchiver::Private
         const QString &name = chain.first();
         if (auto found = classes.constFind(name); found != classes.constEnd())
             return *found;
-        plist_t record = plist_new_dict();
-        plist_t names = plist_new_array();
+        QKPlistNode record = QKPlistNode::dict();
+        QKPlistNode names = QKPlistNode::array();
         for (const QString &each : chain)
-            plist_array_append_item(names, plist_new_string(each.toUtf8().constData()));
-        plist_dict_set_item(record, "$classes", names);
-        plist_dict_set_item(record, "$classname", plist_new_string(name.toUtf8().constData()));
-        const quint64 uid = append(record);
+            names.values.append(QKPlistNode::string(each));
+        record.insert(QStringLiteral("$classes"), std::move(names));
+        record.insert(QStringLiteral("$classname"), QKPlistNode::string(name));
+        const quint64 uid = append(std::move(record));
         classes.insert(name, uid);
         return uid;
     }
@@ -69,12 +59,11 @@ struct QKKeyedArchiver::Private
     {
         enter();
         const quint64 uid = reserve();
-        plist_t object = plist_new_dict();
-        containers.append(object);
-        fill(object);
-        containers.removeLast();
-        plist_dict_set_item(object, "$class", plist_new_uid(classRecord(chain)));
-        objects[qsizetype(uid)] = object;
+        containers.append(QKPlistNode::dict());
+        fill();
+        QKPlistNode object = containers.takeLast();
+        object.insert(QStringLiteral("$class"), QKPlistNode::uid(classRecord(chain)));
+        objects[qsizetype(uid)] = std::move(object);
         --depth;
         return uid;
     }
@@ -85,19 +74,19 @@ struct QKKeyedArchiver::Private
             throw QKArchiveException(QStringLiteral("objects nest deeper than %1 levels").arg(QKKeyedArchiveMaxDepth));
     }
 
-    plist_t references(const QVariantList &values)
+    QKPlistNode references(const QVariantList &values)
     {
         QList<quint64> uids;
         uids.reserve(values.size());
         for (const QVariant &value : values)
             uids.append(encode(value));
-        plist_t array = plist_new_array();
+        QKPlistNode array = QKPlistNode::array();
         for (quint64 uid : uids)
-            plist_array_append_item(array, plist_new_uid(uid));
+            array.values.append(QKPlistNode::uid(uid));
         return array;
     }
 
-    quint64 number(int kind, quint64 bits, plist_t (*make)(quint64))
+    quint64 number(int kind, quint64 bits, QKPlistNode (*make)(quint64))
     {
         const auto key = qMakePair(kind, bits);
         if (auto found = numbers.constFind(key); found != numbers.constEnd())
@@ -118,22 +107,23 @@ struct QKKeyedArchiver::Private
                 return 0;
             if (auto found = strings.constFind(text); found != strings.constEnd())
                 return *found;
-            const quint64 uid = append(plist_new_string(text.toUtf8().constData()));
+            const quint64 uid = append(QKPlistNode::string(text));
             strings.insert(text, uid);
             return uid;
         }
         case QMetaType::Bool:
-            return number(0, value.toBool(), [](quint64 bits) { return plist_new_bool(bits != 0); });
+            return number(0, value.toBool(), [](quint64 bits) { return QKPlistNode::boolean(bits != 0); });
         case QMetaType::Int:
         case QMetaType::LongLong:
         case QMetaType::Long:
         case QMetaType::Short:
-            return number(1, quint64(value.toLongLong()), [](quint64 bits) { return plist_new_uint(bits); });
+            return number(1, quint64(value.toLongLong()),
+                          [](quint64 bits) { return QKPlistNode::integer(qint64(bits)); });
         case QMetaType::UInt:
         case QMetaType::ULongLong:
         case QMetaType::ULong:
         case QMetaType::UShort:
-            return number(1, value.toULongLong(), [](quint64 bits) { return plist_new_uint(bits); });
+            return number(1, value.toULongLong(), [](quint64 bits) { return QKPlistNode::integer(qint64(bits)); });
         case QMetaType::Double:
         case QMetaType::Float: {
             const double real = value.toDouble();
@@ -142,7 +132,7 @@ struct QKKeyedArchiver::Private
             return number(2, bits, [](quint64 stored) {
                 double d;
                 std::memcpy(&d, &stored, sizeof d);
-                return plist_new_real(d);
+                return QKPlistNode::real(d);
             });
         }
         case QMetaType::QByteArray: {
@@ -151,7 +141,7 @@ struct QKKeyedArchiver::Private
                 return 0;
             if (auto found = datas.constFind(bytes); found != datas.constEnd())
                 return *found;
-            const quint64 uid = append(plist_new_data(bytes.constData(), quint64(bytes.size())));
+            const quint64 uid = append(QKPlistNode::data(bytes));
             datas.insert(bytes, uid);
             return uid;
         }
@@ -162,8 +152,9 @@ struct QKKeyedArchiver::Private
             const qint64 msecs = date.toMSecsSinceEpoch();
             if (auto found = dates.constFind(msecs); found != dates.constEnd())
                 return *found;
-            const quint64 uid = collection({QStringLiteral("NSDate"), QStringLiteral("NSObject")}, [&](plist_t object) {
-                plist_dict_set_item(object, "NS.time", plist_new_real(QKKeyedArchiveTimeFromDate(date)));
+            const quint64 uid = collection({QStringLiteral("NSDate"), QStringLiteral("NSObject")}, [&] {
+                containers.last().insert(QStringLiteral("NS.time"),
+                                         QKPlistNode::real(QKKeyedArchiveTimeFromDate(date)));
             });
             dates.insert(msecs, uid);
             return uid;
@@ -171,18 +162,23 @@ struct QKKeyedArchiver::Private
         case QMetaType::QStringList:
         case QMetaType::QVariantList: {
             const QVariantList values = value.toList();
-            return collection(QKKeyedArchiveMutableArrayChain(),
-                              [&](plist_t object) { plist_dict_set_item(object, "NS.objects", references(values)); });
+            return collection(QKKeyedArchiveMutableArrayChain(), [&] {
+                // Encoded first: nested objects grow `containers`, which would leave last() dangling.
+                QKPlistNode refs = references(values);
+                containers.last().insert(QStringLiteral("NS.objects"), std::move(refs));
+            });
         }
         case QMetaType::QVariantMap: {
             const QVariantMap map = value.toMap();
-            return collection(QKKeyedArchiveMutableDictionaryChain(), [&](plist_t object) {
+            return collection(QKKeyedArchiveMutableDictionaryChain(), [&] {
                 // Keys first, then values, as the platform's dictionaries encode.
                 QVariantList keys;
                 for (const QString &key : map.keys())
                     keys.append(key);
-                plist_dict_set_item(object, "NS.keys", references(keys));
-                plist_dict_set_item(object, "NS.objects", references(map.values()));
+                QKPlistNode keyRefs = references(keys);
+                QKPlistNode valueRefs = references(map.values());
+                containers.last().insert(QStringLiteral("NS.keys"), std::move(keyRefs));
+                containers.last().insert(QStringLiteral("NS.objects"), std::move(valueRefs));
             });
         }
         default:
@@ -201,7 +197,7 @@ struct QKKeyedArchiver::Private
             if (chain.isEmpty())
                 throw QKArchiveException(QStringLiteral("an archived class has no name"));
             encoding.insert(coding.data());
-            const quint64 uid = collection(chain, [&](plist_t) { coding->encodeWithCoder(*owner); });
+            const quint64 uid = collection(chain, [&] { coding->encodeWithCoder(*owner); });
             encoding.remove(coding.data());
             coded.insert(coding.data(), uid);
             return uid;
@@ -210,13 +206,33 @@ struct QKKeyedArchiver::Private
             QStringLiteral("cannot archive a value of type %1").arg(QString::fromLatin1(value.metaType().name())));
     }
 
-    void set(const QString &key, plist_t item)
+    void set(const QString &key, QKPlistNode item)
     {
-        if (containers.isEmpty()) {
-            plist_free(item);
+        if (containers.isEmpty())
             throw QKArchiveException(QStringLiteral("encode called outside encodeWithCoder"));
-        }
-        plist_dict_set_item(containers.last(), key.toUtf8().constData(), item);
+        QKPlistNode &object = containers.last();
+        // A key written twice keeps its last value, as a dictionary does.
+        if (const qsizetype at = object.keys.indexOf(key); at >= 0)
+            object.values[at] = std::move(item);
+        else
+            object.insert(key, std::move(item));
+    }
+
+    // The archive's top-level dictionary around the finished object table.
+    QList<QByteArray> pieces(const QVariant &root)
+    {
+        append(QKPlistNode::string(QStringLiteral("$null")));
+        const quint64 rootUid = encode(root);
+        QKPlistNode archive = QKPlistNode::dict();
+        archive.insert(QStringLiteral("$version"), QKPlistNode::integer(QKKeyedArchiveVersion));
+        archive.insert(QStringLiteral("$archiver"), QKPlistNode::string(QStringLiteral("NSKeyedArchiver")));
+        QKPlistNode top = QKPlistNode::dict();
+        top.insert(QStringLiteral("root"), QKPlistNode::uid(rootUid));
+        archive.insert(QStringLiteral("$top"), std::move(top));
+        QKPlistNode table = QKPlistNode::array();
+        table.values = std::move(objects);
+        archive.insert(QStringLiteral("$objects"), std::move(table));
+        return QKWriteBinaryPropertyList(archive);
     }
 
     QKKeyedArchiver *owner = nullptr;
@@ -232,63 +248,62 @@ QKKeyedArchiver::~QKKeyedArchiver() = default;
 QByteArray QKKeyedArchiver::archivedData(const QVariant &root)
 {
     QKKeyedArchiver archiver;
-    Private &p = *archiver.d;
-    p.append(plist_new_string("$null"));
-    const quint64 rootUid = p.encode(root);
-
-    plist_t archive = plist_new_dict();
-    plist_dict_set_item(archive, "$version", plist_new_uint(QKKeyedArchiveVersion));
-    plist_dict_set_item(archive, "$archiver", plist_new_string("NSKeyedArchiver"));
-    plist_t top = plist_new_dict();
-    plist_dict_set_item(top, "root", plist_new_uid(rootUid));
-    plist_dict_set_item(archive, "$top", top);
-    plist_t objects = plist_new_array();
-    for (plist_t object : std::as_const(p.objects))
-        plist_array_append_item(objects, object);
-    p.objects.clear(); // now owned by the archive
-    plist_dict_set_item(archive, "$objects", objects);
-
-    char *bytes = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(archive, &bytes, &length);
-    plist_free(archive);
-    if (!bytes)
-        throw QKArchiveException(QStringLiteral("the property list could not be written"));
-    QByteArray data(bytes, qsizetype(length));
-    plist_to_bin_free(bytes);
+    const QList<QByteArray> pieces = archiver.d->pieces(root);
+    qsizetype size = 0;
+    for (const QByteArray &piece : pieces)
+        size += piece.size();
+    QByteArray data;
+    data.reserve(size);
+    for (const QByteArray &piece : pieces)
+        data.append(piece);
     return data;
 }
 
 bool QKKeyedArchiver::archiveRootObject(const QVariant &root, const QString &path, QString *errorString)
 {
-    QByteArray data;
+    QList<QByteArray> pieces;
     try {
-        data = archivedData(root);
+        QKKeyedArchiver archiver;
+        pieces = archiver.d->pieces(root);
     } catch (const QKArchiveException &e) {
         if (errorString)
             *errorString = e.reason();
         return false;
     }
-    return QKAtomicFile::write(path, data, errorString);
+    return QKAtomicFile::write(path, pieces, errorString);
 }
 
 void QKKeyedArchiver::encodeObject(const QVariant &object, const QString &key)
 {
     const quint64 uid = d->encode(object);
-    d->set(key, plist_new_uid(uid));
+    d->set(key, QKPlistNode::uid(uid));
+}
+
+void QKKeyedArchiver::encodeASCIIString(const QByteArray &ascii, const QString &key)
+{
+    if (ascii.isNull()) {
+        d->set(key, QKPlistNode::uid(0));
+        return;
+    }
+    for (const char c : ascii)
+        if (uchar(c) >= 0x80) {
+            encodeObject(QString::fromLatin1(ascii), key);
+            return;
+        }
+    d->set(key, QKPlistNode::uid(d->append(QKPlistNode::ascii(ascii))));
 }
 
 void QKKeyedArchiver::encodeBool(bool value, const QString &key)
 {
-    d->set(key, plist_new_bool(value));
+    d->set(key, QKPlistNode::boolean(value));
 }
 
 void QKKeyedArchiver::encodeInt64(qint64 value, const QString &key)
 {
-    d->set(key, plist_new_uint(quint64(value)));
+    d->set(key, QKPlistNode::integer(value));
 }
 
 void QKKeyedArchiver::encodeDouble(double value, const QString &key)
 {
-    d->set(key, plist_new_real(value));
+    d->set(key, QKPlistNode::real(value));
 }

@@ -42,11 +42,10 @@ struct PlistDeleter
 
 QString stringValue(plist_t node)
 {
-    char *text = nullptr;
-    plist_get_string_val(node, &text);
-    QString value = QString::fromUtf8(text ? text : "");
-    free(text);
-    return value;
+    // Not plist_get_string_val: libplist asserts (aborts) on a UTF-16 string holding U+0000.
+    uint64_t length = 0;
+    const char *text = plist_get_string_ptr(node, &length);
+    return text ? QString::fromUtf8(text, qsizetype(length)) : QStringLiteral("");
 }
 
 plist_t member(plist_t dict, const char *key)
@@ -379,6 +378,24 @@ QString QKKeyedUnarchiver::decodeString(const QString &key)
     if (value.metaType().id() != QMetaType::QString)
         typeMismatch(key, QString::fromLatin1(value.metaType().name()));
     return value.toString();
+}
+
+QByteArray QKKeyedUnarchiver::decodeASCIIString(const QString &key)
+{
+    plist_t value = d->field(key);
+    if (!value)
+        return QByteArray();
+    if (plist_get_node_type(value) != PLIST_UID)
+        malformed(QStringLiteral("the value for key \"%1\" is %2, not an object reference").arg(key, describe(value)));
+    const quint64 uid = uidValue(value);
+    if (uid == 0)
+        return QByteArray();
+    plist_t node = d->object(uid);
+    if (plist_get_node_type(node) != PLIST_STRING)
+        return decodeString(key).toUtf8(); // says what else it holds
+    uint64_t length = 0;
+    const char *text = plist_get_string_ptr(node, &length);
+    return QByteArray(text ? text : "", qsizetype(length));
 }
 
 QDateTime QKKeyedUnarchiver::decodeDate(const QString &key)

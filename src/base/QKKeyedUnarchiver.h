@@ -39,6 +39,9 @@ public:
     /// Typed reads: nil (a null string, an invalid date, std::nullopt) when the key
     /// is absent or holds nil; QKArchiveException when it holds another type.
     QString decodeString(const QString &key);
+    /// A string's characters as bytes (UTF-8 when not ASCII), for large ASCII text
+    /// (Base64 images) that need not become UTF-16. Null when absent or nil.
+    QByteArray decodeASCIIString(const QString &key);
     QDateTime decodeDate(const QString &key);
     std::optional<QVariantList> decodeArray(const QString &key);
     template <class T>

@@ -5,6 +5,7 @@
 #include "../base/QKKeyedUnarchiver.h"
 #include "../base/QKPNGCodec.h"
 
+#include <mutex>
 #include <stdexcept>
 
 namespace {
@@ -43,10 +44,81 @@ void QKFeedbackItem::insertSubItem(const QKFeedbackItemPtr &item, qsizetype inde
     m_subItems->insert(index, item);
 }
 
+// What an item's picture is made from, and what has been made of it so far. Every
+// form is kept once made; the lock lets any thread ask for any of them.
+struct QKFeedbackItem::Picture
+{
+    std::mutex mutex;
+    bool haveImage = false;
+    QImage image;
+    QByteArray png;
+    QByteArray base64;
+    std::optional<QKPNGBands> bands;
+    QImage patch;
+    QPoint at;
+
+    const QByteArray &pngLocked()
+    {
+        if (png.isNull()) {
+            if (bands)
+                png = bands->encodeWithPatch(patch, at);
+            else if (!base64.isNull())
+                png = QKBase64::decodeASCIIIgnoringUnknownCharacters(base64);
+            else if (!image.isNull())
+                png = QKPNGCodec::encode(image);
+        }
+        return png;
+    }
+};
+
+QImage QKFeedbackItem::image() const
+{
+    if (!m_picture)
+        return QImage();
+    std::lock_guard lock(m_picture->mutex);
+    Picture &p = *m_picture;
+    if (!p.haveImage) {
+        p.image = p.bands ? p.bands->imageWithPatch(p.patch, p.at) : QKPNGCodec::decode(p.pngLocked());
+        p.haveImage = true;
+    }
+    return p.image;
+}
+
 void QKFeedbackItem::setImage(const QImage &image)
 {
-    m_image = image;
-    m_imagePNG.clear();
+    m_picture.reset();
+    if (image.isNull())
+        return;
+    m_picture = std::make_shared<Picture>();
+    m_picture->image = image;
+    m_picture->haveImage = true;
+}
+
+void QKFeedbackItem::setImage(const QKPNGBands &base, const QImage &patch, const QPoint &at)
+{
+    m_picture = std::make_shared<Picture>();
+    m_picture->bands = base;
+    m_picture->patch = patch;
+    m_picture->at = at;
+}
+
+QByteArray QKFeedbackItem::imagePNG() const
+{
+    if (!m_picture)
+        return QByteArray();
+    std::lock_guard lock(m_picture->mutex);
+    return m_picture->pngLocked();
+}
+
+QByteArray QKFeedbackItem::imageBase64() const
+{
+    if (!m_picture)
+        return QByteArray();
+    std::lock_guard lock(m_picture->mutex);
+    Picture &p = *m_picture;
+    if (p.base64.isNull())
+        p.base64 = QKBase64::encodeWithLineBreaksToASCII(p.pngLocked());
+    return p.base64;
 }
 
 QString QKFeedbackItem::encodeToBase64String(const QImage &image)
@@ -69,17 +141,13 @@ QStringList QKFeedbackItem::archiveClassChain() const
 
 void QKFeedbackItem::encodeWithCoder(QKKeyedArchiver &coder) const
 {
-    // The PNG is kept once made: the local source rewrites every item on each change.
-    if (m_imagePNG.isEmpty() && !m_image.isNull())
-        m_imagePNG = QKPNGCodec::encode(m_image);
-    const QString image = QKBase64::encodeWithLineBreaks(m_imagePNG);
     coder.encodeObject(m_key, QStringLiteral("key"));
     coder.encodeObject(m_createdAt, QStringLiteral("createdAt"));
     coder.encodeObject(m_modifiedAt, QStringLiteral("modifiedAt"));
     coder.encodeObject(m_text, QStringLiteral("text"));
     coder.encodeObject(m_author, QStringLiteral("author"));
     coder.encodeObject(m_state, QStringLiteral("state"));
-    coder.encodeObject(image, QStringLiteral("image"));
+    coder.encodeASCIIString(imageBase64(), QStringLiteral("image"));
     QVariant subItems;
     if (m_subItems) {
         QVariantList list;
@@ -100,13 +168,11 @@ QKFeedbackItemPtr QKFeedbackItem::initWithCoder(QKKeyedUnarchiver &coder)
     item->m_text = coder.decodeString(QStringLiteral("text"));
     item->m_author = coder.decodeString(QStringLiteral("author"));
     item->m_state = coder.decodeString(QStringLiteral("state"));
-    const QString image = coder.decodeString(QStringLiteral("image"));
-    if (!image.isNull()) {
-        const QByteArray png = QKBase64::decodeIgnoringUnknownCharacters(image);
-        item->m_image = QKPNGCodec::decode(png);
-        // Kept only when it is a PNG, so that re-archiving writes what encoding would.
-        if (!item->m_image.isNull() && png.startsWith("\x89PNG\r\n\x1a\n"))
-            item->m_imagePNG = png;
+    // Decoded when first asked for: opening an archive of many screenshots stays quick.
+    const QByteArray image = coder.decodeASCIIString(QStringLiteral("image"));
+    if (!image.isEmpty()) {
+        item->m_picture = std::make_shared<Picture>();
+        item->m_picture->base64 = image;
     }
     item->m_subItems = coder.decodeArrayOfObjectsOfClass<QKFeedbackItem>(QStringLiteral("subItems"));
     return item;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "../base/QKCoding.h"
+#include "../base/QKPNGCodec.h"
 
 #include <QDateTime>
 #include <QImage>
@@ -9,6 +10,7 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <memory>
 #include <optional>
 
 class QKKeyedUnarchiver;
@@ -58,13 +60,19 @@ public:
     QVariantMap params() const { return m_params; }
     void setParams(const QVariantMap &params) { m_params = params; }
 
-    /// The screenshot; a null image when there is none.
-    QImage image() const { return m_image; }
+    /// The screenshot; a null image when there is none. An image read from an archive,
+    /// or laid over a shared picture, is made on first use, once, on any thread.
+    QImage image() const;
     void setImage(const QImage &image);
-    /// The image's PNG bytes as read from an archive or first archived, kept so that
-    /// an unchanged image is not encoded again; null until then, and after setImage.
-    QByteArray imagePNGData() const { return m_imagePNG; }
-
+    /// The image as `base` with `patch` laid over it at `at` (in pixels): a send's
+    /// items share one screenshot, and their PNGs share its compressed bands.
+    void setImage(const QKPNGBands &base, const QImage &patch, const QPoint &at);
+    /// The image as PNG bytes, encoded on first use and kept; null without an image.
+    /// An image read from an archive keeps the bytes it was read from.
+    QByteArray imagePNG() const;
+    /// imagePNG() as Base64 text in ASCII, lines of 64 characters joined by CR LF,
+    /// as archives and the service carry it; kept once made.
+    QByteArray imageBase64() const;
     /// The image's PNG as Base64 text, lines of 64 characters joined by CR LF;
     /// a null image gives a null string.
     static QString encodeToBase64String(const QImage &image);
@@ -84,8 +92,8 @@ private:
     QDateTime m_modifiedAt;
     QString m_text;
     QString m_author;
-    QImage m_image;
-    mutable QByteArray m_imagePNG;
+    struct Picture;
+    std::shared_ptr<Picture> m_picture;
     QString m_state;
     QVariantMap m_params;
 };

@@ -1,4 +1,5 @@
 #include "QKPlatformFeedbackSource.h"
+#include "QKPlatformFeedbackSource_p.h"
 
 #include "../base/QKBase64.h"
 #include "../base/QKDeviceInfo.h"
@@ -71,7 +72,10 @@ qint64 serviceCode(const QJsonValue &value)
     return qBound(qint64(std::numeric_limits<qint32>::min()), result, qint64(std::numeric_limits<qint32>::max()));
 }
 
-// The service's error answer in `value`, if it is one. JSON null counts as absent.
+} // namespace
+
+namespace QKPlatformAnswer {
+
 std::optional<QKError> errorAnswer(const QJsonValue &value, const char *fixedMessage)
 {
     if (!value.isObject())
@@ -109,7 +113,6 @@ QDateTime dateField(const QJsonObject &object, const char *key)
     return value.isString() ? QKServiceDate::parse(value.toString()) : QDateTime();
 }
 
-// The fields a thread object gives every record: dates, key, text, author.
 void readThread(QKFeedbackItem &item, const QJsonObject &thread)
 {
     item.setCreatedAt(dateField(thread, "CreatedAt"));
@@ -144,6 +147,12 @@ QKFeedbackItemList readThreads(const QJsonValue &answer, bool listing)
     }
     return items;
 }
+
+} // namespace QKPlatformAnswer
+
+using namespace QKPlatformAnswer;
+
+namespace {
 
 QByteArray json(const QJsonObject &object)
 {
@@ -317,8 +326,9 @@ void QKPlatformFeedbackSource::sendFeedback(const Properties &p, const QKFeedbac
         missingText();
     QJsonObject image{{QStringLiteral("Filename"), QStringLiteral("nimbrel.png")},
                       {QStringLiteral("ContentType"), QStringLiteral("image/png")}};
-    if (!item->image().isNull())
-        image.insert(QStringLiteral("base64"), QKFeedbackItem::encodeToBase64String(item->image()));
+    // The kept Base64 text: a send's screenshot is encoded once, not per request.
+    if (const QByteArray base64 = item->imageBase64(); !base64.isNull())
+        image.insert(QStringLiteral("base64"), QString::fromLatin1(base64));
     QJsonObject body{{QStringLiteral("Image"), image},
                      {QStringLiteral("Text"), item->text()},
                      {QStringLiteral("Author"), authorValue(p.userName)},

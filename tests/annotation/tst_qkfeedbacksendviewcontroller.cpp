@@ -325,6 +325,21 @@ private slots:
             QCOMPARE(image.pixel(own + QPoint(50, 0)), m_screenshot.pixel(own + QPoint(50, 0)));
             for (const QPoint &offset : {QPoint(0, 0), QPoint(0, 33), QPoint(-40, 0)})
                 QCOMPARE(image.pixel(other + offset), m_screenshot.pixel(other + offset));
+
+            // Exactly the marker drawn on the whole picture, however the item keeps it,
+            // and its PNG holds the same pixels.
+            QImage whole(m_screenshot.size(), QImage::Format_ARGB32_Premultiplied);
+            whole.setDevicePixelRatio(3.0);
+            whole.fill(Qt::transparent);
+            {
+                QPainter painter(&whole);
+                painter.drawImage(QRectF(0, 0, 393, 852), m_screenshot);
+                surface()->feedbackPoints()[i]->drawInContext(painter, nullptr);
+            }
+            QCOMPARE(image, whole.convertToFormat(QImage::Format_ARGB32));
+            QImage decoded = QImage::fromData(items[i]->imagePNG()).convertToFormat(QImage::Format_ARGB32);
+            decoded.setDevicePixelRatio(3.0);
+            QCOMPARE(decoded, image);
         }
 
         // For a person to look at: both markers on the picture, the bar open for the second.

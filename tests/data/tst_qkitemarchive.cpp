@@ -223,6 +223,34 @@ private slots:
         QVERIFY(QKFeedbackItem::decodeBase64ToImage(QStringLiteral("bm90IGFuIGltYWdl")).isNull());
     }
 
+    void archivedImagesDecodeOnceOnAnyThread()
+    {
+        const QImage image = sampleImage(301, 207);
+        auto item = QKFeedbackItem::create();
+        item->setImage(image);
+        const QByteArray archive = QKKeyedArchiver::archivedData(coded(item));
+        const auto back =
+            QKKeyedUnarchiver::unarchivedObject(archive).value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
+        // Written back as it was read, without a decode and encode in between.
+        QCOMPARE(back->imageBase64(), item->imageBase64());
+        QCOMPARE(QKKeyedArchiver::archivedData(coded(back)), archive);
+
+        QList<QImage> seen(8);
+        QList<QThread *> threads;
+        for (qsizetype i = 0; i < seen.size(); ++i)
+            threads.append(QThread::create([&, i] { seen[i] = back->image(); }));
+        for (QThread *thread : threads)
+            thread->start();
+        for (QThread *thread : threads) {
+            QVERIFY(thread->wait(10000));
+            delete thread;
+        }
+        for (const QImage &each : seen) {
+            QCOMPARE(each.convertToFormat(QImage::Format_ARGB32), image);
+            QCOMPARE(each.cacheKey(), seen[0].cacheKey()); // one decode, shared
+        }
+    }
+
     void absentSubItemsStayNil()
     {
         // An item archived by an older writer, without "subItems".

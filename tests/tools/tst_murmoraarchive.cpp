@@ -86,7 +86,7 @@ private slots:
         QCOMPARE(root.size(), 2);
         const auto item = root[0].value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
         QVERIFY(item);
-        const QByteArray png = item->imagePNGData();
+        const QByteArray png = item->imagePNG();
         QVERIFY(png.startsWith("\x89PNG\r\n\x1a\n"));
         QCOMPARE(QImage::fromData(png).convertToFormat(QImage::Format_ARGB32), shot);
         const QByteArray sha = QCryptographicHash::hash(png, QCryptographicHash::Sha256).toHex();

@@ -67,9 +67,7 @@ QJsonObject QKItemJSON::fromItem(const QKFeedbackItem &item)
     if (image.isNull()) {
         object.insert(QStringLiteral("image"), QJsonValue());
     } else {
-        QByteArray png = item.imagePNGData();
-        if (png.isEmpty())
-            png = QKPNGCodec::encode(image);
+        const QByteArray png = item.imagePNG();
         object.insert(
             QStringLiteral("image"),
             QJsonObject{{QStringLiteral("width"), image.width()},

@@ -1,0 +1,7 @@
+#pragma once
+
+#include "QKGlobal.h"
+
+/// Makes every PNG encoding go through QImage::save instead: the baseline that
+/// benchmarks measure the library's own encoder against.
+MURMORA_DATA_EXPORT void QKPNGCodecUseQtEncoder(bool qt);

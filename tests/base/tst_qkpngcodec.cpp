@@ -1,0 +1,203 @@
+#include "base/QKPNGCodec.h"
+
+#include <QRandomGenerator>
+#include <QtEndian>
+#include <QtTest>
+
+#include <libdeflate.h>
+#include <png.h>
+
+namespace {
+
+QImage randomImage(QSize size, QImage::Format format, quint32 seed)
+{
+    QRandomGenerator random(seed);
+    QImage image(size, QImage::Format_ARGB32);
+    for (int y = 0; y < size.height(); ++y) {
+        auto *row = reinterpret_cast<QRgb *>(image.scanLine(y));
+        for (int x = 0; x < size.width(); ++x)
+            row[x] = random.generate();
+    }
+    return image.convertToFormat(format);
+}
+
+// Pixels as a decoder hands them back: 8-bit, unpremultiplied, no ratio.
+QImage expected(const QImage &image)
+{
+    QImage plain = image.convertToFormat(QImage::Format_ARGB32);
+    plain.setDevicePixelRatio(1.0);
+    return plain;
+}
+
+// Decodes with libpng's own simplified reader, independent of Qt's image plugins.
+QImage libpngDecode(const QByteArray &png)
+{
+    png_image reader{};
+    reader.version = PNG_IMAGE_VERSION;
+    if (!png_image_begin_read_from_memory(&reader, png.constData(), size_t(png.size())))
+        return QImage();
+    reader.format = PNG_FORMAT_BGRA; // QImage::Format_ARGB32's bytes on little-endian machines
+    QImage image(int(reader.width), int(reader.height), QImage::Format_ARGB32);
+    if (!png_image_finish_read(&reader, nullptr, image.bits(), int(image.bytesPerLine()), nullptr))
+        return QImage();
+    return image;
+}
+
+// The zlib stream of every IDAT joined, checked for its Adler-32 by libdeflate.
+bool zlibStreamIsSound(const QByteArray &png, qsizetype rawSize)
+{
+    QByteArray stream;
+    for (qsizetype at = 8; at + 12 <= png.size();) {
+        const quint32 length = qFromBigEndian<quint32>(png.constData() + at);
+        if (png.mid(at + 4, 4) == "IDAT")
+            stream += png.mid(at + 8, length);
+        at += 12 + length;
+    }
+    QByteArray raw(rawSize, Qt::Uninitialized);
+    libdeflate_decompressor *decompressor = libdeflate_alloc_decompressor();
+    size_t actual = 0;
+    const auto result = libdeflate_zlib_decompress(decompressor, stream.constData(), size_t(stream.size()), raw.data(),
+                                                   size_t(raw.size()), &actual);
+    libdeflate_free_decompressor(decompressor);
+    return result == LIBDEFLATE_SUCCESS && actual == size_t(rawSize);
+}
+
+} // namespace
+
+class TestQKPNGCodec : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void roundTrip_data()
+    {
+        QTest::addColumn<QImage::Format>("format");
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<qreal>("ratio");
+        QTest::addColumn<int>("channels"); // 3: written as RGB, 4: RGBA
+        QTest::newRow("1x1 alpha") << QImage::Format_ARGB32 << QSize(1, 1) << 1.0 << 4;
+        QTest::newRow("1x5000 opaque") << QImage::Format_RGB32 << QSize(1, 5000) << 1.0 << 3;
+        QTest::newRow("4097x3 alpha") << QImage::Format_ARGB32 << QSize(4097, 3) << 1.0 << 4;
+        QTest::newRow("4097x3 opaque") << QImage::Format_RGB32 << QSize(4097, 3) << 1.0 << 3;
+        QTest::newRow("premultiplied, ratio 3") << QImage::Format_ARGB32_Premultiplied << QSize(333, 171) << 3.0 << 4;
+        QTest::newRow("many bands, ratio 2") << QImage::Format_RGB32 << QSize(701, 613) << 2.0 << 3;
+        QTest::newRow("RGB888") << QImage::Format_RGB888 << QSize(99, 101) << 1.0 << 3;
+        QTest::newRow("Grayscale8") << QImage::Format_Grayscale8 << QSize(64, 65) << 1.0 << 3;
+        QTest::newRow("RGBA8888") << QImage::Format_RGBA8888 << QSize(50, 70) << 1.0 << 4;
+    }
+    void roundTrip()
+    {
+        QFETCH(QImage::Format, format);
+        QFETCH(QSize, size);
+        QFETCH(qreal, ratio);
+        QFETCH(int, channels);
+        QImage image = randomImage(size, format, quint32(size.width() * 7919 + size.height()));
+        image.setDevicePixelRatio(ratio);
+        const QByteArray png = QKPNGCodec::encode(image);
+        QVERIFY(png.startsWith("\x89PNG\r\n\x1a\n"));
+        QCOMPARE(int(png.at(8 + 8 + 9)), channels == 3 ? 2 : 6); // IHDR colour type
+        QVERIFY(zlibStreamIsSound(png, qsizetype(size.height()) * (size.width() * channels + 1)));
+
+        const QImage decoded = QKPNGCodec::decode(png);
+        QCOMPARE(decoded.size(), size);
+        QCOMPARE(decoded.devicePixelRatio(), 1.0);
+        QCOMPARE(decoded.convertToFormat(QImage::Format_ARGB32), expected(image));
+        QCOMPARE(libpngDecode(png), expected(image));
+    }
+
+    void opaquePicturesGoAsRGB()
+    {
+        // A screenshot drawn into a premultiplied image is opaque: written as RGB.
+        QImage image =
+            randomImage(QSize(80, 60), QImage::Format_RGB32, 5).convertToFormat(QImage::Format_ARGB32_Premultiplied);
+        const QByteArray png = QKPNGCodec::encode(image);
+        QCOMPARE(int(png.at(25)), 2);
+        QCOMPARE(libpngDecode(png), expected(image));
+        QVERIFY(QKPNGCodec::encode(QImage()).isNull());
+    }
+
+    void patchedBands_data()
+    {
+        QTest::addColumn<QRect>("patch"); // where the patch goes, in pixels
+        QTest::newRow("inside one band") << QRect(10, 5, 3, 3);
+        QTest::newRow("across bands") << QRect(100, 30, 90, 90);
+        QTest::newRow("clipped at the bottom right") << QRect(380, 560, 90, 90);
+        QTest::newRow("clipped at the top left") << QRect(-40, -40, 90, 90);
+        QTest::newRow("outside") << QRect(1000, 1000, 5, 5);
+        QTest::newRow("whole picture") << QRect(0, 0, 393, 600);
+    }
+    void patchedBands()
+    {
+        QFETCH(QRect, patch);
+        QImage screenshot = randomImage(QSize(393, 600), QImage::Format_RGB32, 11);
+        screenshot.setDevicePixelRatio(3.0);
+        const QKPNGBands bands(screenshot);
+        QCOMPARE(libpngDecode(bands.encode()), expected(screenshot));
+
+        const QImage marker = randomImage(patch.size(), QImage::Format_ARGB32_Premultiplied, 12)
+                                  .convertToFormat(QImage::Format_RGB32)
+                                  .convertToFormat(QImage::Format_ARGB32_Premultiplied);
+        QImage composed = screenshot.copy();
+        for (int y = 0; y < composed.height(); ++y)
+            for (int x = 0; x < composed.width(); ++x)
+                if (patch.contains(x, y))
+                    composed.setPixel(x, y, marker.pixel(x - patch.x(), y - patch.y()));
+        const QImage built = bands.imageWithPatch(marker, patch.topLeft());
+        QCOMPARE(built.devicePixelRatio(), 3.0);
+        QCOMPARE(expected(built), expected(composed));
+        QCOMPARE(libpngDecode(bands.encodeWithPatch(marker, patch.topLeft())), expected(composed));
+    }
+
+    void bandsNeverMixPictures()
+    {
+        // Variants that differ from the base, and from each other, by one pixel in
+        // every band: each must decode to its own pixels, in any order, from any thread.
+        const QImage base = randomImage(QSize(257, 999), QImage::Format_RGB32, 21);
+        const QKPNGBands bands(base);
+        QList<QPair<QImage, QPoint>> variants;
+        for (int i = 0; i < 6; ++i) {
+            QImage dot(1, 1, QImage::Format_RGB32);
+            dot.setPixel(0, 0, qRgb(i * 40, 255 - i * 40, i));
+            variants.append({dot, QPoint((i * 37) % base.width(), (i * 173 + 50) % base.height())});
+        }
+        QList<QByteArray> encoded(variants.size());
+        QList<QThread *> threads;
+        for (qsizetype i = 0; i < variants.size(); ++i)
+            threads.append(
+                QThread::create([&, i] { encoded[i] = bands.encodeWithPatch(variants[i].first, variants[i].second); }));
+        for (QThread *thread : threads)
+            thread->start();
+        for (QThread *thread : threads) {
+            thread->wait();
+            delete thread;
+        }
+        for (qsizetype i = 0; i < variants.size(); ++i) {
+            QImage want = base;
+            want.setPixel(variants[i].second, variants[i].first.pixel(0, 0));
+            QCOMPARE(libpngDecode(encoded[i]), expected(want));
+        }
+        QCOMPARE(libpngDecode(bands.encode()), expected(base));
+
+        // Changing the caller's image later detaches it: the bands keep the old pixels.
+        QImage changing = base.copy();
+        const QKPNGBands snapshot(changing);
+        changing.fill(Qt::black);
+        QCOMPARE(libpngDecode(snapshot.encode()), expected(base));
+    }
+
+    void transparentPatchOnOpaquePicture()
+    {
+        const QImage base =
+            randomImage(QSize(64, 64), QImage::Format_RGB32, 31).convertToFormat(QImage::Format_ARGB32_Premultiplied);
+        QImage hole(8, 8, QImage::Format_ARGB32);
+        hole.fill(Qt::transparent);
+        const QKPNGBands bands(base);
+        const QByteArray png = bands.encodeWithPatch(hole, QPoint(4, 4));
+        QCOMPARE(int(png.at(25)), 6);
+        QCOMPARE(libpngDecode(png), expected(bands.imageWithPatch(hole, QPoint(4, 4))));
+        QCOMPARE(libpngDecode(png).pixel(5, 5), 0u);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestQKPNGCodec)
+#include "tst_qkpngcodec.moc"
