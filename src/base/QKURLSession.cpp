@@ -98,6 +98,8 @@ qint64 replyErrorCode(QNetworkReply::NetworkError error)
         return -1002;
     case QNetworkReply::TooManyRedirectsError:
         return -1007;
+    case QNetworkReply::UnknownContentError:
+        return -1016; // content that cannot be decoded, such as a gzip bomb Qt stopped
     case QNetworkReply::InsecureRedirectError:
         return -1022; // an https request sent on to plain http
     default:
@@ -178,14 +180,21 @@ public:
         overall->start(int(qMin<qint64>(m_settings.resourceTimeout, std::numeric_limits<int>::max())));
         const qint64 cap = m_settings.maximumSize;
         QObject::connect(reply, &QNetworkReply::uploadProgress, idle, qOverload<>(&QTimer::start));
-        QObject::connect(reply, &QNetworkReply::downloadProgress, reply,
-                         [reply, state, idle, cap](qint64 received, qint64 total) {
-                             idle->start();
-                             if (received > cap || total > cap) {
-                                 state->tooLarge = true;
-                                 reply->abort();
-                             }
-                         });
+        // Checked on every arrival: Qt emits downloadProgress at most every 100 ms, so a
+        // declared length that is too large, or a fast stream, would slip past it.
+        const auto checkSize = [reply, state, cap](qint64 size) {
+            if (size > cap && !state->tooLarge) {
+                state->tooLarge = true;
+                reply->abort();
+            }
+        };
+        QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, checkSize] {
+            checkSize(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
+        });
+        QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, idle, checkSize] {
+            idle->start();
+            checkSize(reply->bytesAvailable());
+        });
         QObject::connect(reply, &QNetworkReply::sslErrors, reply,
                          [state](const QList<QSslError> &errors) { state->certificateCode = sslErrorCode(errors); });
         QObject::connect(reply, &QNetworkReply::finished, this, [this, reply, state, completion] {
@@ -198,7 +207,7 @@ public:
             } else if (state->tooLarge) {
                 completion(QByteArray(), 0,
                            transportError(-1103, QStringLiteral("The resource exceeds the maximum size.")));
-            } else if (error == QNetworkReply::NoError || (status.isValid() && isHttpStatusError(error))) {
+            } else if (error == QNetworkReply::NoError || (status.isValid() && isStatusError(error, status.toInt()))) {
                 completion(reply->readAll(), status.toInt(), std::nullopt);
             } else {
                 qint64 code = replyErrorCode(error);
@@ -210,12 +219,39 @@ public:
     }
 
 private:
-    static bool isHttpStatusError(QNetworkReply::NetworkError error)
+    // Whether `error` is only Qt's report of an answer's 4xx or 5xx status (and so no
+    // error here). Qt reports a failed decompression of a 200 answer with a status
+    // error too; that one must not pass as an answer.
+    static bool isStatusError(QNetworkReply::NetworkError error, int status)
     {
-        // Qt's errors for answers with a 4xx or 5xx status.
-        return (error >= QNetworkReply::ContentAccessDenied && error <= QNetworkReply::UnknownContentError) ||
-               (error >= QNetworkReply::ProtocolInvalidOperationError && error <= QNetworkReply::UnknownServerError) ||
-               error == QNetworkReply::ProtocolFailure;
+        switch (status) {
+        case 400:
+        case 418:
+            return error == QNetworkReply::ProtocolInvalidOperationError;
+        case 401:
+            return error == QNetworkReply::AuthenticationRequiredError;
+        case 403:
+            return error == QNetworkReply::ContentAccessDenied;
+        case 404:
+            return error == QNetworkReply::ContentNotFoundError;
+        case 405:
+            return error == QNetworkReply::ContentOperationNotPermittedError;
+        case 407:
+            return error == QNetworkReply::ProxyAuthenticationRequiredError;
+        case 409:
+            return error == QNetworkReply::ContentConflictError;
+        case 410:
+            return error == QNetworkReply::ContentGoneError;
+        case 500:
+            return error == QNetworkReply::InternalServerError;
+        case 501:
+            return error == QNetworkReply::OperationNotImplementedError;
+        case 503:
+            return error == QNetworkReply::ServiceUnavailableError;
+        default:
+            return status > 500 ? error == QNetworkReply::UnknownServerError
+                                : status >= 400 && error == QNetworkReply::UnknownContentError;
+        }
     }
 
     Settings m_settings;

@@ -38,9 +38,10 @@ struct MURMORA_DATA_EXPORT QKURLRequest
 ///
 /// Transport errors are QKError values in the domain "NSURLErrorDomain" with the
 /// platform's URL error codes (-1001 timed out, -1002 unsupported URL, -1003 host not
-/// found, -1004 cannot connect, -1005 connection lost, -1009 offline, -1103 too
-/// large, -1200 TLS failed, -1201/-1202/-1204 certificate expired/untrusted/not yet
-/// valid, -999 cancelled, -1 other) and a description under "error".
+/// found, -1004 cannot connect, -1005 connection lost, -1009 offline, -1016 content
+/// that cannot be decoded (how Qt stops a gzip bomb), -1103 too large, -1200 TLS
+/// failed, -1201/-1202/-1204 certificate expired/untrusted/not yet valid, -999
+/// cancelled, -1 other) and a description under "error".
 ///
 /// Every completion is called exactly once, on the network thread, never on the
 /// caller's. Destroying a session cancels its unfinished tasks (-999). The settings

@@ -227,6 +227,9 @@ struct FakeService::Reply
     QByteArray contentType = "application/json";
     QByteArray body;
     qint64 bodyBytes = -1;
+    QList<QPair<QByteArray, QByteArray>> headers = {};
+    QByteArray raw = {};
+    int dripMs = 0;
 };
 
 struct FakeService::Connection
@@ -440,6 +443,7 @@ void FakeService::readRequests(QSslSocket *socket)
                     refuse(431, "header too large");
                 return;
             }
+            const QByteArray head = connection->buffer.left(headerEnd + 2);
             const QList<QByteArray> lines = connection->buffer.left(headerEnd).split('\n');
             connection->buffer.remove(0, headerEnd + 4);
 
@@ -452,6 +456,7 @@ void FakeService::readRequests(QSslSocket *socket)
             RecordedRequest request;
             request.method = requestLine[0];
             request.target = requestLine[1];
+            request.head = head;
             for (qsizetype i = 1; i < lines.size(); ++i) {
                 QByteArray line = lines[i];
                 if (line.endsWith('\r'))
@@ -521,7 +526,10 @@ void FakeService::handle(QSslSocket *socket, RecordedRequest request)
         m_connections.value(socket)->silent = true;
         return;
     }
-    const Reply reply{canned.status, canned.contentType, canned.body, canned.bodyBytes};
+    const Reply reply{canned.status,  canned.contentType, canned.body,  canned.bodyBytes,
+                      canned.headers, canned.raw,         canned.dripMs};
+    if (canned.closeAfter)
+        m_connections.value(socket)->closeAfterReply = true;
     const bool drop = canned.dropConnection;
     const auto act = [this, socket, reply, drop] {
         if (drop)
@@ -540,6 +548,12 @@ void FakeService::send(QSslSocket *socket, const Reply &reply)
     const std::shared_ptr<Connection> connection = m_connections.value(socket);
     if (!connection)
         return;
+    if (!reply.raw.isEmpty()) {
+        if (reply.dripMs > 0)
+            return drip(socket, reply.raw, reply.dripMs);
+        socket->write(reply.raw);
+        return finishReply(socket);
+    }
     const bool bodyAllowed = reply.status >= 200 && reply.status != 204 && reply.status != 304;
     const qint64 length = reply.bodyBytes >= 0 ? reply.bodyBytes : reply.body.size();
     QByteArray head = "HTTP/1.1 " + QByteArray::number(reply.status) + ' ' + reasonPhrase(reply.status) + "\r\n";
@@ -548,8 +562,12 @@ void FakeService::send(QSslSocket *socket, const Reply &reply)
             head += "Content-Type: " + reply.contentType + "\r\n";
         head += "Content-Length: " + QByteArray::number(length) + "\r\n";
     }
+    for (const auto &[name, value] : reply.headers)
+        head += name + ": " + value + "\r\n";
     head += connection->closeAfterReply ? "Connection: close\r\n\r\n" : "Connection: keep-alive\r\n\r\n";
     socket->write(head);
+    if (bodyAllowed && reply.dripMs > 0 && !reply.body.isEmpty())
+        return drip(socket, reply.body, reply.dripMs);
     if (bodyAllowed && reply.bodyBytes >= 0) {
         connection->bodyRemaining = reply.bodyBytes;
         pumpBody(socket);
@@ -573,6 +591,22 @@ void FakeService::pumpBody(QSslSocket *socket)
     }
     if (connection->bodyRemaining == 0)
         finishReply(socket);
+}
+
+void FakeService::drip(QSslSocket *socket, const QByteArray &bytes, int intervalMs)
+{
+    // The timer goes with the socket, so a client that gives up ends the drip.
+    auto *timer = new QTimer(socket);
+    timer->setInterval(intervalMs);
+    auto sent = std::make_shared<qsizetype>(0);
+    connect(timer, &QTimer::timeout, this, [this, socket, timer, bytes, sent] {
+        socket->write(bytes.mid((*sent)++, 1));
+        if (*sent == bytes.size()) {
+            timer->deleteLater();
+            finishReply(socket);
+        }
+    });
+    timer->start();
 }
 
 void FakeService::finishReply(QSslSocket *socket)

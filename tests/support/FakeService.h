@@ -28,6 +28,7 @@ struct RecordedRequest
     QByteArray target;
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
+    QByteArray head; // the request line and header lines as they arrived, CR LF included
     // Repeated headers are joined with ", ", as HTTP defines.
     QByteArray header(const QByteArray &name) const;
     bool hasHeader(const QByteArray &name) const;
@@ -60,6 +61,10 @@ public:
         bool dropConnection = false;
         bool neverAnswer = false;
         qint64 bodyBytes = -1;
+        QList<QPair<QByteArray, QByteArray>> headers; // sent after the generated ones
+        QByteArray raw;                               // when set, written as it stands instead of a generated answer
+        int dripMs = 0;                               // the body (or all of `raw`) goes out one byte per interval
+        bool closeAfter = false;                      // the connection is closed once the answer is written
     };
     // The pattern is searched for anywhere in the raw target; anchor it with ^ and $ to match all of it.
     void answer(const QByteArray &method, const QString &targetPattern, const Answer &answer, int times = -1);
@@ -92,6 +97,7 @@ private:
     void handle(QSslSocket *socket, RecordedRequest request);
     void send(QSslSocket *socket, const Reply &reply);
     void pumpBody(QSslSocket *socket);
+    void drip(QSslSocket *socket, const QByteArray &bytes, int intervalMs);
     void finishReply(QSslSocket *socket);
     void dropConnection(QSslSocket *socket);
     bool takeCannedAnswer(const RecordedRequest &request, Answer *answer);
