@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #endif
@@ -41,6 +42,28 @@ bool writeAll(int fd, const char *data, qint64 size)
         size -= written;
     }
     return true;
+}
+
+QString temporaryPrefix(const QString &fileName)
+{
+    return QLatin1Char('.') + fileName + QLatin1Char('.');
+}
+
+// A writer killed between creating its temporary and the rename leaves the temporary
+// behind; the next save removes those whose process is gone.
+void removeStaleTemporaries(const QString &directory, const QString &fileName)
+{
+    const QString prefix = temporaryPrefix(fileName);
+    const QDir dir(directory);
+    for (const QString &name :
+         dir.entryList({prefix + QStringLiteral("*.*")}, QDir::Files | QDir::Hidden | QDir::System)) {
+        bool isNumber = false;
+        const qint64 pid = name.mid(prefix.size()).section(QLatin1Char('.'), 0, 0).toLongLong(&isNumber);
+        if (!isNumber || pid <= 0 || pid == ::getpid())
+            continue;
+        if (::kill(pid_t(pid), 0) != 0 && errno == ESRCH)
+            ::unlink(QFile::encodeName(dir.filePath(name)).constData());
+    }
 }
 
 int closeKeepingErrno(int fd)
@@ -78,8 +101,9 @@ bool QKAtomicFile::write(const QString &path, const QList<QByteArray> &pieces, Q
     return true;
 #else
     const QByteArray finalPath = QFile::encodeName(target.absoluteFilePath());
-    QByteArray tempPath = QFile::encodeName(directory + QLatin1Char('/') + QLatin1Char('.') + target.fileName() +
-                                            QStringLiteral(".XXXXXX"));
+    // The writer's process id in the name tells a later save which leftovers are stale.
+    QByteArray tempPath = QFile::encodeName(directory + QLatin1Char('/') + temporaryPrefix(target.fileName()) +
+                                            QString::number(::getpid()) + QStringLiteral(".XXXXXX"));
     const int fd = ::mkostemp(tempPath.data(), O_CLOEXEC);
     if (fd < 0)
         return fail(errorString, systemError(QStringLiteral("cannot create a temporary file in"), directory));
@@ -108,6 +132,7 @@ bool QKAtomicFile::write(const QString &path, const QList<QByteArray> &pieces, Q
         ::unlink(tempPath.constData());
         return fail(errorString, message);
     }
+    removeStaleTemporaries(directory, target.fileName());
     const int dirFd = ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dirFd >= 0) {
         // The new content is in place; a failed directory sync only weakens durability.

@@ -419,8 +419,9 @@ QImage QKPNGCodec::decode(const QByteArray &data)
 
 int QKPNGCodec::allocationLimitMB()
 {
-    // A 2732 x 2048 tablet screenshot is 22 MB; leave room for larger displays.
-    return 256;
+    // An 8K screen's screenshot (7680 x 4320, 127 MB) fits; a small file that claims
+    // more pixels than that is refused before the memory is taken.
+    return 128;
 }
 
 struct QKPNGBands::State
