@@ -57,6 +57,24 @@ demo() {
   fi
 }
 
+# Benchmarks in the release build; each figure against its baseline, then one table.
+bench() {
+  [ -f build/release/build.ninja ] || cmake --preset release
+  cmake --build --preset release --target murmora-bench
+  QT_QPA_PLATFORM=${QT_QPA_PLATFORM:-offscreen} build/release/bench/murmora-bench "$@"
+}
+
+# libFuzzer targets (clang, preset "fuzz"): SECONDS each (default 600), all or the named ones.
+fuzz() {
+  local seconds=${1:-600}
+  [ $# -gt 0 ] && shift
+  [ -f build/fuzz/build.ninja ] || cmake --preset fuzz
+  local targets=("$@")
+  [ ${#targets[@]} -gt 0 ] || targets=($(cd fuzz/corpus && ls))
+  cmake --build --preset fuzz --target "${targets[@]/#/fuzz_}"
+  fuzz/run.sh build/fuzz "$seconds" "${targets[@]}"
+}
+
 usage() {
   cat <<USAGE
 usage: ./dev.sh COMMAND
@@ -65,6 +83,10 @@ usage: ./dev.sh COMMAND
   test     deps, build, then run every test headless
   demo     deps, build, then run the demo (without a display: its scripted tour,
            pictures in build/dev/tour); demo options: --local, --service URL --key K --uid U [--ca FILE]
+  bench    deps, then build and run the benchmarks (release preset) and print the table;
+           options go to Google Benchmark (e.g. --benchmark_filter=encode), --smoke for one quick pass
+  fuzz     [SECONDS] [TARGET...]: build the libFuzzer targets (clang) and run each
+           for SECONDS (600); new crash inputs land in fuzz/crashes
 USAGE
 }
 
@@ -75,5 +97,7 @@ case "$cmd" in
   build) deps; build ;;
   test) deps; build; run_tests "$@" ;;
   demo) deps; demo "$@" ;;
+  bench) deps; bench "$@" ;;
+  fuzz) PACKAGES+=(clang libclang-rt-14-dev); deps; fuzz "$@" ;;
   *) usage; exit 2 ;;
 esac

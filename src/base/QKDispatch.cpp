@@ -97,3 +97,11 @@ bool QKDispatch::isMainThread()
     auto *app = QCoreApplication::instance();
     return app && QThread::currentThread() == app->thread();
 }
+
+void QKAssertMainThread(std::source_location where)
+{
+    if (QKDispatch::isMainThread())
+        return;
+    qFatal("Murmora: %s (%s:%u) must run on the main thread, not on thread %p", where.function_name(),
+           where.file_name(), unsigned(where.line()), static_cast<void *>(QThread::currentThread()));
+}

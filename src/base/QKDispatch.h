@@ -3,6 +3,7 @@
 #include "QKGlobal.h"
 
 #include <functional>
+#include <source_location>
 
 /// Where a block runs: the application's main thread, or Qt's global thread pool.
 class MURMORA_DATA_EXPORT QKDispatchQueue
@@ -34,3 +35,9 @@ public:
     /// True on the application's main thread.
     static bool isMainThread();
 };
+
+/// Aborts with the caller's location unless called on the application's main thread
+/// (also when there is no application). Completions put it first, before they touch a
+/// screen or its model. Active in every build: it costs one thread-local read per
+/// completion, and the alternative to stopping is a data race on live widgets.
+MURMORA_DATA_EXPORT void QKAssertMainThread(std::source_location where = std::source_location::current());

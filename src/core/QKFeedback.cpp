@@ -120,6 +120,8 @@ void QKFeedback::showFeedback(qint64 style)
     if (m_feedbackIsShown)
         return;
     m_feedbackIsShown = true;
+    // A stack closed earlier and still waiting for deletion must not clear the flag.
+    m_shownStack = nullptr;
     // The screen must not turn under the menu.
     QKDevice::currentDevice()->endGeneratingDeviceOrientationNotifications();
     m_screenshot = takeScreenshot();
@@ -177,7 +179,17 @@ void QKFeedback::actionSheetDidDismissWithButtonIndex(QKActionSheet *, int butto
         m_feedbackIsShown = false;
         return;
     }
-    top->presentViewController(navigationFor(screen, m_transitionStyle), m_transitionStyle >= 0);
+    QKNavigationController *navigation = navigationFor(screen, m_transitionStyle);
+    // A host may delete the stack, or the window under it, instead of closing it: then
+    // no dismissal clears the flag, and the menu would never open again.
+    m_shownStack = navigation;
+    connect(navigation, &QObject::destroyed, this, [this](QObject *gone) {
+        if (gone == m_shownStack) {
+            m_shownStack = nullptr;
+            m_feedbackIsShown = false;
+        }
+    });
+    top->presentViewController(navigation, m_transitionStyle >= 0);
 }
 
 void QKFeedback::sendViewControllerAction(QKFeedbackSendViewController *sendScreen)
@@ -222,6 +234,7 @@ void QKFeedback::send(QKViewController *sender)
     QPointer<QKViewController> shown(top);
     m_dataSource->addFeedbackItems(m_feedbackItems, [this, spinner, shown](std::optional<QKError> error) {
         QKDispatch::async(QKDispatch::mainQueue(), [this, spinner, shown, error] {
+            QKAssertMainThread();
             if (spinner) {
                 spinner->stopAnimating();
                 spinner->removeFromSuperview();

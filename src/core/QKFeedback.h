@@ -91,4 +91,6 @@ private:
     QKFeedbackDataSourcePtr m_dataSource;
     QVariantMap m_settings;
     QKFeedbackItemList m_feedbackItems;
+    // The stack opened from the menu; compared only, never dereferenced.
+    const QObject *m_shownStack = nullptr;
 };

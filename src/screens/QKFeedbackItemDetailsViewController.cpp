@@ -161,6 +161,7 @@ void QKFeedbackItemDetailsViewController::sendComment(const QString &text)
     source->addSubItemForKey(
         item ? item->key() : QString(), comment, [weakSelf, comment](std::optional<QKError> error) {
             QKDispatch::async(QKDispatch::mainQueue(), [weakSelf, comment, failed = error.has_value()] {
+                QKAssertMainThread();
                 if (failed) {
                     (new QKAlertView(QKLocalizedString("Network error"),
                                      QKLocalizedString("Could not send data to server"), QKLocalizedString("Cancel")))

@@ -136,6 +136,7 @@ void QKFeedbackYourItemsViewController::loadData()
     m_dataSource->feedbackItemsByState(getState(), m_feedbackItems.size(),
                                        [self](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
                                            QKDispatch::async(QKDispatch::mainQueue(), [self, items, error] {
+                                               QKAssertMainThread();
                                                if (!self)
                                                    return;
                                                if (items)
@@ -163,6 +164,7 @@ void QKFeedbackYourItemsViewController::refresh()
     m_dataSource->feedbackItemsByState(getState(), before,
                                        [self, before](std::optional<QKFeedbackItemList> items, std::optional<QKError>) {
                                            QKDispatch::async(QKDispatch::mainQueue(), [self, before, items] {
+                                               QKAssertMainThread();
                                                if (!self)
                                                    return;
                                                if (items)
@@ -230,6 +232,7 @@ void QKFeedbackYourItemsViewController::didSelectRowAtIndexPath(QKTableView *, c
         m_dataSource->imageForKey(item->params().value(QStringLiteral("ImageUri")).toString(),
                                   [item, shown](QImage image, std::optional<QKError>) {
                                       QKDispatch::async(QKDispatch::mainQueue(), [item, shown, image] {
+                                          QKAssertMainThread();
                                           item->setImage(image);
                                           if (shown)
                                               shown->reloadData();
@@ -239,6 +242,7 @@ void QKFeedbackYourItemsViewController::didSelectRowAtIndexPath(QKTableView *, c
     m_dataSource->subItemsForKey(item->key(),
                                  [item, shown](std::optional<QKFeedbackItemList> subItems, std::optional<QKError>) {
                                      QKDispatch::async(QKDispatch::mainQueue(), [item, shown, subItems] {
+                                         QKAssertMainThread();
                                          // Opening an item twice does not add its comments twice.
                                          if (subItems && (!item->subItems() || item->subItems()->isEmpty()))
                                              for (const QKFeedbackItemPtr &subItem : *subItems)
