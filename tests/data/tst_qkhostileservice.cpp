@@ -3,6 +3,7 @@
 
 #include "base/QKDeviceInfo.h"
 #include "data/QKPlatformFeedbackSource.h"
+#include "support/CompletionOutcome.h"
 #include "support/FakeService.h"
 
 #include <QFile>
@@ -19,59 +20,6 @@
 namespace {
 
 using Source = QKPlatformFeedbackSource;
-
-// What a completion delivered; filled on the network thread or a global-queue thread.
-struct Outcome
-{
-    std::mutex mutex;
-    int calls = 0;
-    std::optional<QKFeedbackItemList> items;
-    std::optional<QKError> error;
-    QByteArray body;
-    int status = 0;
-
-    bool done()
-    {
-        std::lock_guard lock(mutex);
-        return calls > 0;
-    }
-    int count()
-    {
-        std::lock_guard lock(mutex);
-        return calls;
-    }
-    void record(std::optional<QKError> e)
-    {
-        std::lock_guard lock(mutex);
-        ++calls;
-        error = e;
-    }
-    Source::ItemsCompletion items_()
-    {
-        return [this](std::optional<QKFeedbackItemList> list, std::optional<QKError> e) {
-            {
-                std::lock_guard lock(mutex);
-                items = list;
-            }
-            record(e);
-        };
-    }
-    Source::ErrorCompletion error_()
-    {
-        return [this](std::optional<QKError> e) { record(e); };
-    }
-    QKURLSession::Completion task_()
-    {
-        return [this](const QByteArray &b, int s, std::optional<QKError> e) {
-            {
-                std::lock_guard lock(mutex);
-                body = b;
-                status = s;
-            }
-            record(e);
-        };
-    }
-};
 
 // Runs the network thread's queue through twice more: a second completion of a task
 // that has ended would be queued before these and show in the count.

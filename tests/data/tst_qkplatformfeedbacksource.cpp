@@ -6,6 +6,7 @@
 #include "base/QKPNGCodec.h"
 #include "base/QKServiceDate.h"
 #include "data/QKPlatformFeedbackSource.h"
+#include "support/CompletionOutcome.h"
 #include "support/FakeService.h"
 
 #include <QJsonArray>
@@ -18,54 +19,6 @@
 namespace {
 
 using Source = QKPlatformFeedbackSource;
-
-// What a completion delivered, and on which thread; filled on the network thread.
-struct Outcome
-{
-    std::mutex mutex; // a pthread lock, which ThreadSanitizer sees
-    int calls = 0;
-    QThread *thread = nullptr;
-    std::optional<QKFeedbackItemList> items;
-    QImage image;
-    std::optional<QKError> error;
-
-    bool done()
-    {
-        std::lock_guard lock(mutex);
-        return calls > 0;
-    }
-    void record(std::optional<QKError> e)
-    {
-        std::lock_guard lock(mutex);
-        ++calls;
-        thread = QThread::currentThread();
-        error = e;
-    }
-    Source::ItemsCompletion items_()
-    {
-        return [this](std::optional<QKFeedbackItemList> list, std::optional<QKError> e) {
-            {
-                std::lock_guard lock(mutex);
-                items = list;
-            }
-            record(e);
-        };
-    }
-    Source::ErrorCompletion error_()
-    {
-        return [this](std::optional<QKError> e) { record(e); };
-    }
-    Source::ImageCompletion image_()
-    {
-        return [this](QImage i, std::optional<QKError> e) {
-            {
-                std::lock_guard lock(mutex);
-                image = i;
-            }
-            record(e);
-        };
-    }
-};
 
 #define WAIT_FOR(outcome)                                                                                              \
     do {                                                                                                               \
