@@ -18,9 +18,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check(text.size() == 28, "accepted a date of another length", text);
     check(date.timeSpec() == Qt::UTC, "parsed date not in UTC", text);
     const QString formatted = QKServiceDate::format(date);
-    // An offset can carry the instant outside four-digit years, which the form cannot hold.
-    if (date.date().year() < 1 || date.date().year() > 9999)
-        return 0;
     const QDateTime again = QKServiceDate::parse(formatted);
     check(again.isValid() && again == date, "formatted date does not read back",
           text + QLatin1String(" -> ") + formatted);

@@ -47,7 +47,12 @@ QDateTime QKServiceDate::parse(const QString &text)
     if (!date.isValid() || !time.isValid())
         return QDateTime();
     const int offset = (offsetHours * 3600 + offsetMinutes * 60) * (sign == u'-' ? -1 : 1);
-    return QDateTime(date, time, Qt::UTC).addSecs(-offset);
+    const QDateTime instant = QDateTime(date, time, Qt::UTC).addSecs(-offset);
+    // An offset can carry the instant out of four-digit years, where no date of this
+    // form could name it again.
+    if (instant.date().year() < 1 || instant.date().year() > 9999)
+        return QDateTime();
+    return instant;
 }
 
 QString QKServiceDate::format(const QDateTime &date)

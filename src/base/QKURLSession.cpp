@@ -13,6 +13,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <vector>
+
 namespace {
 
 QKError transportError(qint64 code, const QString &description)
@@ -163,6 +165,7 @@ public:
             bool timedOut = false;
             bool tooLarge = false;
             std::optional<qint64> certificateCode;
+            std::vector<QMetaObject::Connection> connections;
         };
         auto state = std::make_shared<State>();
         auto *idle = new QTimer(reply);
@@ -174,12 +177,14 @@ public:
             state->timedOut = true;
             reply->abort();
         };
-        QObject::connect(idle, &QTimer::timeout, reply, timeOut);
-        QObject::connect(overall, &QTimer::timeout, reply, timeOut);
+        auto &connections = state->connections;
+        connections.push_back(QObject::connect(idle, &QTimer::timeout, reply, timeOut));
+        connections.push_back(QObject::connect(overall, &QTimer::timeout, reply, timeOut));
         idle->start();
         overall->start(int(qMin<qint64>(m_settings.resourceTimeout, std::numeric_limits<int>::max())));
         const qint64 cap = m_settings.maximumSize;
-        QObject::connect(reply, &QNetworkReply::uploadProgress, idle, qOverload<>(&QTimer::start));
+        connections.push_back(
+            QObject::connect(reply, &QNetworkReply::uploadProgress, idle, qOverload<>(&QTimer::start)));
         // Checked on every arrival: Qt emits downloadProgress at most every 100 ms, so a
         // declared length that is too large, or a fast stream, would slip past it.
         const auto checkSize = [reply, state, cap](qint64 size) {
@@ -188,17 +193,23 @@ public:
                 reply->abort();
             }
         };
-        QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, checkSize] {
+        connections.push_back(QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, checkSize] {
             checkSize(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong());
-        });
-        QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, idle, checkSize] {
+        }));
+        connections.push_back(QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply, idle, checkSize] {
             idle->start();
             checkSize(reply->bytesAvailable());
-        });
-        QObject::connect(reply, &QNetworkReply::sslErrors, reply,
-                         [state](const QList<QSslError> &errors) { state->certificateCode = sslErrorCode(errors); });
-        QObject::connect(reply, &QNetworkReply::finished, this, [this, reply, state, completion] {
+        }));
+        connections.push_back(
+            QObject::connect(reply, &QNetworkReply::sslErrors, reply, [state](const QList<QSslError> &errors) {
+                state->certificateCode = sslErrorCode(errors);
+            }));
+        connections.push_back(QObject::connect(reply, &QNetworkReply::finished, this, [this, reply, state, completion] {
             m_replies.remove(reply);
+            // Our slots are let go here, on this thread. Left to the reply's deletion,
+            // Qt may free them on its HTTP thread, together with what they hold.
+            for (const QMetaObject::Connection &connection : state->connections)
+                QObject::disconnect(connection);
             reply->deleteLater();
             const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
             const QNetworkReply::NetworkError error = reply->error();
@@ -215,7 +226,7 @@ public:
                     code = *state->certificateCode;
                 completion(QByteArray(), status.toInt(), transportError(code, reply->errorString()));
             }
-        });
+        }));
     }
 
 private:

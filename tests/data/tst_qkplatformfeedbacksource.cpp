@@ -651,6 +651,10 @@ private slots:
         QTest::newRow("hour 24") << "2026-11-21T24:00:00.000+0000" << QDateTime();
         QTest::newRow("letters") << "2026-1a-21T20:34:14.123+0000" << QDateTime();
         QTest::newRow("Arabic digits") << QStringLiteral("٢٠٢٦-11-21T20:34:14.123+0000") << QDateTime();
+        QTest::newRow("offset before year 1") << "0001-01-01T00:30:00.000+0100" << QDateTime();
+        QTest::newRow("offset past 9999") << "9999-12-31T23:30:00.000-0100" << QDateTime();
+        QTest::newRow("last instant") << "9999-12-31T23:59:59.999+0000"
+                                      << QDateTime(QDate(9999, 12, 31), QTime(23, 59, 59, 999), Qt::UTC);
     }
     void serviceDates()
     {
