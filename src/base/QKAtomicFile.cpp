@@ -6,11 +6,13 @@
 #ifdef Q_OS_WIN
 #include <QSaveFile>
 #else
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #endif
 
@@ -64,6 +66,24 @@ void removeStaleTemporaries(const QString &directory, const QString &fileName)
         if (::kill(pid_t(pid), 0) != 0 && errno == ESRCH)
             ::unlink(QFile::encodeName(dir.filePath(name)).constData());
     }
+}
+
+// Replacing a file frees the old one's blocks inside the rename, which for hundreds of
+// megabytes takes as long as writing them. A large old file gets a second name first,
+// so that the rename only drops a link; the last name goes on another thread. A kill
+// in between leaves a stale name like a temporary's, which a later save removes.
+constexpr qint64 ReleaseApartSize = qint64(16) << 20;
+
+QByteArray keepForRelease(const QString &directory, const QString &fileName, const QByteArray &finalPath,
+                          const struct stat &old)
+{
+    static std::atomic<quint32> counter{0};
+    if (old.st_size < ReleaseApartSize || old.st_nlink != 1)
+        return QByteArray();
+    const QByteArray kept =
+        QFile::encodeName(directory + QLatin1Char('/') + temporaryPrefix(fileName) + QString::number(::getpid()) +
+                          QStringLiteral(".old") + QString::number(counter++));
+    return ::link(finalPath.constData(), kept.constData()) == 0 ? kept : QByteArray();
 }
 
 int closeKeepingErrno(int fd)
@@ -120,16 +140,20 @@ bool QKAtomicFile::write(const QString &path, const QList<QByteArray> &pieces, Q
     }
     // mkostemp creates 0600, which suits private data; a replaced file keeps its mode.
     struct stat old;
-    if (::stat(finalPath.constData(), &old) == 0)
+    const bool replacing = ::stat(finalPath.constData(), &old) == 0;
+    if (replacing)
         ::fchmod(fd, old.st_mode & 07777);
     if (::close(fd) != 0) {
         const QString message = systemError(QStringLiteral("cannot close"), tempName);
         ::unlink(tempPath.constData());
         return fail(errorString, message);
     }
+    const QByteArray kept = replacing ? keepForRelease(directory, target.fileName(), finalPath, old) : QByteArray();
     if (::rename(tempPath.constData(), finalPath.constData()) != 0) {
         const QString message = systemError(QStringLiteral("cannot replace"), path);
         ::unlink(tempPath.constData());
+        if (!kept.isEmpty())
+            ::unlink(kept.constData());
         return fail(errorString, message);
     }
     removeStaleTemporaries(directory, target.fileName());
@@ -139,6 +163,8 @@ bool QKAtomicFile::write(const QString &path, const QList<QByteArray> &pieces, Q
         ::fsync(dirFd);
         ::close(dirFd);
     }
+    if (!kept.isEmpty())
+        std::thread([kept] { ::unlink(kept.constData()); }).detach();
     return true;
 #endif
 }

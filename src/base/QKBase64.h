@@ -23,4 +23,6 @@ public:
     /// The same two as ASCII bytes, without going through UTF-16: large images.
     static QByteArray encodeWithLineBreaksToASCII(const QByteArray &data);
     static QByteArray decodeASCIIIgnoringUnknownCharacters(QByteArrayView ascii);
+    /// Whether every byte is below 0x80.
+    static bool isASCII(QByteArrayView bytes);
 };

@@ -285,11 +285,6 @@ void QKKeyedArchiver::encodeASCIIString(const QByteArray &ascii, const QString &
         d->set(key, QKPlistNode::uid(0));
         return;
     }
-    for (const char c : ascii)
-        if (uchar(c) >= 0x80) {
-            encodeObject(QString::fromLatin1(ascii), key);
-            return;
-        }
     d->set(key, QKPlistNode::uid(d->append(QKPlistNode::ascii(ascii))));
 }
 

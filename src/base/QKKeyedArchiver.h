@@ -34,8 +34,9 @@ public:
     /// Called from QKCoding::encodeWithCoder: each writes one field of the object
     /// being encoded, in call order.
     void encodeObject(const QVariant &object, const QString &key);
-    /// Text known to be ASCII (Base64 images), stored as a string without a round
-    /// trip through UTF-16 and not shared with equal strings; a null array is nil.
+    /// Text that must be ASCII (Base64 images; the caller checks, as this is called
+    /// for every image on every save), stored as a string without a round trip
+    /// through UTF-16 and not shared with equal strings; a null array is nil.
     void encodeASCIIString(const QByteArray &ascii, const QString &key);
     void encodeBool(bool value, const QString &key);
     void encodeInt64(qint64 value, const QString &key);

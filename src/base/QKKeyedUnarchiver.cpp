@@ -344,6 +344,16 @@ QVariant QKKeyedUnarchiver::unarchiveObjectWithFile(const QString &path)
         throw QKArchiveException(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
     if (file.size() > MaxArchiveSize)
         malformed(QStringLiteral("%1 is %2 bytes, more than an archive may hold").arg(path).arg(file.size()));
+    if (file.size() == 0)
+        malformed(QStringLiteral("%1 is empty").arg(path));
+    // Mapped rather than read: the parser copies out everything it keeps, and a copy
+    // of an archive of screenshots is hundreds of megabytes.
+    if (uchar *mapped = file.map(0, file.size())) {
+        const QVariant root =
+            unarchivedObject(QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), file.size()));
+        file.unmap(mapped);
+        return root;
+    }
     const QByteArray data = file.readAll();
     if (data.isEmpty())
         malformed(QStringLiteral("%1 is empty").arg(path));

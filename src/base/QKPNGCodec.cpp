@@ -20,9 +20,17 @@
 #include <thread>
 #include <vector>
 
+#if defined(__SSE2__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define SIMD_PATHS 1
+#else
+#define SIMD_PATHS 0
+#endif
+
 namespace {
 
 std::atomic<bool> useQtEncoder{false};
+std::atomic<bool> portableOnly{false};
 
 // Bands of about 64 KB of filtered bytes: small enough that a marker touches few of
 // them, large enough that each band's Huffman tables cost little.
@@ -86,10 +94,11 @@ struct Pixels
 
 bool allOpaque(const QImage &image)
 {
-    for (int y = 0; y < image.height(); ++y) {
+    const int width = image.width(), height = image.height();
+    for (int y = 0; y < height; ++y) {
         const auto *row = reinterpret_cast<const quint32 *>(image.constScanLine(y));
         quint32 alpha = 0xff000000u;
-        for (int x = 0; x < image.width(); ++x)
+        for (int x = 0; x < width; ++x)
             alpha &= row[x];
         if (alpha != 0xff000000u)
             return false;
@@ -130,7 +139,8 @@ Pixels normalised(const QImage &image)
 // Scratch memory kept per thread: encoding allocates nothing large per band.
 struct Scratch
 {
-    std::vector<uchar> current, previous, filtered, compressed, levelBuffer;
+    std::vector<quint32> composed[2], up, sub;
+    std::vector<uchar> filtered, compressed, levelBuffer;
 };
 
 Scratch &scratch()
@@ -139,9 +149,9 @@ Scratch &scratch()
     return s;
 }
 
-// Packs one row to PNG byte order: R G B (opaque) or R G B A. Writes one byte past the
-// row, hence the slack in the buffers.
-void packRow(const quint32 *row, int width, bool opaque, uchar *out)
+// Packs one row of 32-bit words to PNG byte order: R G B (opaque) or R G B A. Writes
+// up to 16 bytes past the row, hence the slack in the buffers.
+void packRowPortable(const quint32 *row, int width, bool opaque, uchar *out)
 {
     if (opaque) {
         for (int x = 0; x < width; ++x) {
@@ -156,54 +166,118 @@ void packRow(const quint32 *row, int width, bool opaque, uchar *out)
     }
 }
 
-// How far a filter's residues are from zero, on every fifth byte of the row: enough
-// to choose between filters at a fraction of the cost of computing both.
-template <class Residue>
-quint64 sampledCost(qsizetype from, qsizetype n, Residue residue)
+// The "Up" and "Sub" residues of a row's pixels from `from` on, computed on the 32-bit
+// words before packing (packing only moves bytes, and an opaque alpha byte leaves
+// residues of 0), with the sums of their distances from zero added to the costs.
+void residuesPortable(const quint32 *row, const quint32 *above, int width, quint32 *up, quint32 *sub, quint64 &upCost,
+                      quint64 &subCost, int from = 0)
 {
-    quint64 sum = 0;
-    for (qsizetype i = from; i < n; i += 5)
-        sum += quint64(std::abs(int(qint8(residue(i)))));
-    return sum;
+    const auto *c = reinterpret_cast<const uchar *>(row);
+    const auto *a = reinterpret_cast<const uchar *>(above);
+    auto *u = reinterpret_cast<uchar *>(up);
+    auto *s = reinterpret_cast<uchar *>(sub);
+    const qsizetype n = qsizetype(width) * 4;
+    for (qsizetype i = qsizetype(from) * 4; i < n; ++i) {
+        u[i] = uchar(c[i] - a[i]);
+        s[i] = uchar(c[i] - (i >= 4 ? c[i - 4] : 0));
+        upCost += quint64(std::abs(int(qint8(u[i]))));
+        subCost += quint64(std::abs(int(qint8(s[i]))));
+    }
+}
+
+#if SIMD_PATHS
+// Four pixels at a time; |(qint8)r| is min(r, -r) on unsigned bytes, summed by psadbw.
+void residuesSSE2(const quint32 *row, const quint32 *above, int width, quint32 *up, quint32 *sub, quint64 &upCost,
+                  quint64 &subCost)
+{
+    const __m128i zero = _mm_setzero_si128();
+    __m128i costU = zero, costS = zero, last = zero;
+    int x = 0;
+    for (; x + 4 <= width; x += 4) {
+        const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i *>(row + x));
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(above + x));
+        const __m128i left = _mm_or_si128(_mm_slli_si128(c, 4), last);
+        last = _mm_srli_si128(c, 12);
+        const __m128i u = _mm_sub_epi8(c, a);
+        const __m128i s = _mm_sub_epi8(c, left);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(up + x), u);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(sub + x), s);
+        costU = _mm_add_epi64(costU, _mm_sad_epu8(_mm_min_epu8(u, _mm_sub_epi8(zero, u)), zero));
+        costS = _mm_add_epi64(costS, _mm_sad_epu8(_mm_min_epu8(s, _mm_sub_epi8(zero, s)), zero));
+    }
+    upCost = quint64(_mm_cvtsi128_si64(costU)) + quint64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(costU, costU)));
+    subCost = quint64(_mm_cvtsi128_si64(costS)) + quint64(_mm_cvtsi128_si64(_mm_unpackhi_epi64(costS, costS)));
+    residuesPortable(row, above, width, up, sub, upCost, subCost, x);
+}
+
+__attribute__((target("ssse3"))) void packRowSSSE3(const quint32 *row, int width, bool opaque, uchar *out)
+{
+    int x = 0;
+    if (opaque) {
+        const __m128i order = _mm_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+        for (; x + 4 <= width; x += 4)
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 3 * qsizetype(x)),
+                             _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + x)), order));
+        packRowPortable(row + x, width - x, true, out + 3 * qsizetype(x));
+    } else {
+        const __m128i order = _mm_setr_epi8(2, 1, 0, 3, 6, 5, 4, 7, 10, 9, 8, 11, 14, 13, 12, 15);
+        for (; x + 4 <= width; x += 4)
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(out + 4 * qsizetype(x)),
+                             _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(row + x)), order));
+        packRowPortable(row + x, width - x, false, out + 4 * qsizetype(x));
+    }
+}
+#endif
+
+bool simdPaths()
+{
+#if SIMD_PATHS
+    static const bool ssse3 = __builtin_cpu_supports("ssse3");
+    return ssse3 && !portableOnly;
+#else
+    return false;
+#endif
 }
 
 // Filters and compresses rows [first, last) into an independent run of deflate blocks
 // that ends on a byte boundary, not marked final, so bands can follow each other.
-// `rowAt(y, buffer)` gives row y's 32-bit pixels (possibly composed into `buffer`).
+// `rowAt(y, buffer)` gives row y's 32-bit pixels (possibly composed into `buffer`,
+// which stays untouched until the row after next).
 Band encodeBand(const Pixels &pixels, int first, int last,
                 const std::function<const quint32 *(int y, quint32 *buffer)> &rowAt)
 {
     Scratch &s = scratch();
     const int width = pixels.image.width();
     const qsizetype rowBytes = pixels.rowBytes();
-    const int bpp = pixels.opaque ? 3 : 4;
     const qsizetype rawLength = qsizetype(last - first) * (rowBytes + 1);
-    s.current.resize(size_t(rowBytes + 4));
-    s.previous.resize(size_t(rowBytes + 4));
-    s.filtered.resize(size_t(rawLength));
-    std::vector<quint32> composed(static_cast<size_t>(width));
+    for (auto *words : {&s.composed[0], &s.composed[1], &s.up, &s.sub})
+        words->resize(size_t(width) + 1);
+    s.filtered.resize(size_t(rawLength + 16));
+    const bool simd = simdPaths();
 
+    const quint32 *above = nullptr;
     for (int y = first; y < last; ++y) {
-        packRow(rowAt(y, composed.data()), width, pixels.opaque, s.current.data());
+        const quint32 *row = rowAt(y, s.composed[(y - first) & 1].data());
         uchar *out = s.filtered.data() + qsizetype(y - first) * (rowBytes + 1);
-        const uchar *cur = s.current.data();
-        const uchar *above = s.previous.data();
         // Each row takes "Sub" or "Up", whichever leaves the smaller residues: "Up"
         // for interface rows that repeat, "Sub" for photographs and gradients. The
         // band's first row has no row above within the band.
-        const bool up = y > first && sampledCost(0, rowBytes, [&](qsizetype i) { return cur[i] - above[i]; }) <=
-                                         sampledCost(bpp, rowBytes, [&](qsizetype i) { return cur[i] - cur[i - bpp]; });
-        out[0] = up ? 2 : 1;
-        if (up) {
-            for (qsizetype i = 0; i < rowBytes; ++i)
-                out[1 + i] = uchar(cur[i] - above[i]);
-        } else {
-            for (int i = 0; i < bpp; ++i)
-                out[1 + i] = cur[i];
-            for (qsizetype i = bpp; i < rowBytes; ++i)
-                out[1 + i] = uchar(cur[i] - cur[i - bpp]);
+        quint64 upCost = 0, subCost = 0;
+#if SIMD_PATHS
+        if (simd) {
+            residuesSSE2(row, above ? above : row, width, s.up.data(), s.sub.data(), upCost, subCost);
+            const bool up = above && upCost <= subCost;
+            out[0] = up ? 2 : 1;
+            packRowSSSE3(up ? s.up.data() : s.sub.data(), width, pixels.opaque, out + 1);
+            above = row;
+            continue;
         }
-        std::swap(s.current, s.previous);
+#endif
+        residuesPortable(row, above ? above : row, width, s.up.data(), s.sub.data(), upCost, subCost);
+        const bool up = above && upCost <= subCost;
+        out[0] = up ? 2 : 1;
+        packRowPortable(up ? s.up.data() : s.sub.data(), width, pixels.opaque, out + 1);
+        above = row;
     }
 
     Band band;
@@ -385,6 +459,11 @@ QByteArray encodePixels(const Pixels &pixels, const std::vector<Band> &bands)
 void QKPNGCodecUseQtEncoder(bool qt)
 {
     useQtEncoder = qt;
+}
+
+void QKPNGCodecUsePortablePaths(bool portable)
+{
+    portableOnly = portable;
 }
 
 QByteArray QKPNGCodec::encode(const QImage &image)

@@ -53,6 +53,7 @@ struct QKFeedbackItem::Picture
     QImage image;
     QByteArray png;
     QByteArray base64;
+    bool base64Checked = true; // false for text read from an archive, until looked at
     std::optional<QKPNGBands> bands;
     QImage patch;
     QPoint at;
@@ -118,6 +119,13 @@ QByteArray QKFeedbackItem::imageBase64() const
     Picture &p = *m_picture;
     if (p.base64.isNull())
         p.base64 = QKBase64::encodeWithLineBreaksToASCII(p.pngLocked());
+    if (!p.base64Checked) {
+        // A damaged archive may hold other bytes; Base64 readers skip them anyway, and
+        // the text goes on as ASCII wherever it is written.
+        if (!QKBase64::isASCII(p.base64))
+            p.base64.removeIf([](char c) { return uchar(c) >= 0x80; });
+        p.base64Checked = true;
+    }
     return p.base64;
 }
 
@@ -173,6 +181,7 @@ QKFeedbackItemPtr QKFeedbackItem::initWithCoder(QKKeyedUnarchiver &coder)
     if (!image.isEmpty()) {
         item->m_picture = std::make_shared<Picture>();
         item->m_picture->base64 = image;
+        item->m_picture->base64Checked = false;
     }
     item->m_subItems = coder.decodeArrayOfObjectsOfClass<QKFeedbackItem>(QStringLiteral("subItems"));
     return item;

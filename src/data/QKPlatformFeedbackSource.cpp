@@ -72,6 +72,18 @@ qint64 serviceCode(const QJsonValue &value)
     return qBound(qint64(std::numeric_limits<qint32>::min()), result, qint64(std::numeric_limits<qint32>::max()));
 }
 
+QString stringField(const QJsonObject &object, const char *key)
+{
+    const QJsonValue value = object.value(QLatin1String(key));
+    return value.isString() ? value.toString() : QString();
+}
+
+QDateTime dateField(const QJsonObject &object, const char *key)
+{
+    const QJsonValue value = object.value(QLatin1String(key));
+    return value.isString() ? QKServiceDate::parse(value.toString()) : QDateTime();
+}
+
 } // namespace
 
 namespace QKPlatformAnswer {
@@ -99,18 +111,6 @@ QJsonValue parseJSON(const QByteArray &body)
     if (document.isObject())
         return document.object();
     return QJsonValue(QJsonValue::Undefined);
-}
-
-QString stringField(const QJsonObject &object, const char *key)
-{
-    const QJsonValue value = object.value(QLatin1String(key));
-    return value.isString() ? value.toString() : QString();
-}
-
-QDateTime dateField(const QJsonObject &object, const char *key)
-{
-    const QJsonValue value = object.value(QLatin1String(key));
-    return value.isString() ? QKServiceDate::parse(value.toString()) : QDateTime();
 }
 
 void readThread(QKFeedbackItem &item, const QJsonObject &thread)
@@ -312,11 +312,12 @@ void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, qint64
 void QKPlatformFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
 {
     validateService();
-    sendFeedback(m_p, item, systemInfo(), std::move(completionHandler));
+    send(m_p.session, feedbackRequest(m_p, item, systemInfo()), "Feedback could not be send",
+         std::move(completionHandler));
 }
 
-void QKPlatformFeedbackSource::sendFeedback(const Properties &p, const QKFeedbackItemPtr &item, const QJsonObject &info,
-                                            ErrorCompletion completionHandler)
+QKURLRequest QKPlatformFeedbackSource::feedbackRequest(const Properties &p, const QKFeedbackItemPtr &item,
+                                                       const QJsonObject &info)
 {
     QKURLRequest request;
     request.url = collectionURL(p);
@@ -338,7 +339,7 @@ void QKPlatformFeedbackSource::sendFeedback(const Properties &p, const QKFeedbac
         if (!body.contains(it.key()))
             body.insert(it.key(), QJsonValue::fromVariant(it.value()));
     request.body = json(body);
-    send(p.session, request, "Feedback could not be send", std::move(completionHandler));
+    return request;
 }
 
 void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler)
@@ -353,13 +354,21 @@ void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items,
     const QJsonObject info = items.isEmpty() ? QJsonObject() : systemInfo();
     QKDispatch::async(QKDispatch::globalQueue(), [p = m_p, items, info, completionHandler] {
         std::optional<QKError> shared;
-        for (const auto &item : items) {
+        // One after the other, stopping at the first failure; the next request (its
+        // picture encoded, its body written) is made while the one before is on its way.
+        std::optional<QKURLRequest> next;
+        if (!items.isEmpty())
+            next = feedbackRequest(p, items.first(), info);
+        for (qsizetype i = 0; i < items.size(); ++i) {
             std::binary_semaphore done(0);
-            sendFeedback(p, item, info, [&shared, &done](std::optional<QKError> error) {
+            send(p.session, *next, "Feedback could not be send", [&shared, &done](std::optional<QKError> error) {
                 if (error)
                     shared = error;
                 done.release();
             });
+            next.reset();
+            if (i + 1 < items.size())
+                next = feedbackRequest(p, items.at(i + 1), info);
             done.acquire();
             if (shared)
                 break;

@@ -86,8 +86,8 @@ private:
         QString userName;
         QSharedPointer<QKURLSession> session;
     };
-    static void sendFeedback(const Properties &properties, const QKFeedbackItemPtr &item, const QJsonObject &systemInfo,
-                             ErrorCompletion completionHandler);
+    static QKURLRequest feedbackRequest(const Properties &properties, const QKFeedbackItemPtr &item,
+                                        const QJsonObject &systemInfo);
 
     Properties m_p;
 };

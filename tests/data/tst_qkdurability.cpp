@@ -3,6 +3,7 @@
 // a full disk and a read-only one.
 
 #include "base/QKArchiveException.h"
+#include "base/QKAtomicFile.h"
 #include "base/QKDocumentsDirectory.h"
 #include "base/QKKeyedUnarchiver.h"
 #include "core/QKFeedback.h"
@@ -379,6 +380,28 @@ private slots:
         }
         QCOMPARE(temporaries(kind, dir.path()), QStringList());
         source.reset();
+    }
+
+    // A large file's old version is let go after the rename, apart from the save: the
+    // new content is in place at once, and no second name outlives the release.
+    void largeFileReplaced()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("large.bin"));
+        const QByteArray first(20 << 20, 'a'), second(17 << 20, 'b');
+        QVERIFY(QKAtomicFile::write(path, first));
+        QFile held(path);
+        QVERIFY(held.open(QIODevice::ReadOnly)); // a reader of the old version keeps it
+        QVERIFY(QKAtomicFile::write(path, {second.left(1 << 20), second.mid(1 << 20)}));
+        QCOMPARE(contents(path), second);
+        QCOMPARE(held.read(4), QByteArray("aaaa"));
+        const auto leftovers = [&] {
+            return QDir(dir.path()).entryList({QStringLiteral(".large.bin.*")}, QDir::Files | QDir::Hidden);
+        };
+        QTRY_COMPARE(leftovers(), QStringList());
+        QVERIFY(QKAtomicFile::write(path, first));
+        QCOMPARE(contents(path), first);
+        QTRY_COMPARE(leftovers(), QStringList());
     }
 
 private:

@@ -2,6 +2,7 @@
 // both directions, and the reader's refusal of malformed files.
 
 #include "base/QKArchiveException.h"
+#include "base/QKBase64.h"
 #include "base/QKKeyedArchiver.h"
 #include "base/QKKeyedUnarchiver.h"
 #include "data/QKFeedbackComment.h"
@@ -249,6 +250,27 @@ private slots:
             QCOMPARE(each.convertToFormat(QImage::Format_ARGB32), image);
             QCOMPARE(each.cacheKey(), seen[0].cacheKey()); // one decode, shared
         }
+    }
+
+    void damagedImageTextIsWrittenBackAsASCII()
+    {
+        const QImage image = sampleImage(120, 90);
+        auto item = QKFeedbackItem::create();
+        item->setImage(image);
+        QByteArray archive = QKKeyedArchiver::archivedData(coded(item));
+        // A line break's CR turned into a byte of another alphabet, same length.
+        const qsizetype at = archive.indexOf("\r\n");
+        QVERIFY(at > 0);
+        archive[at] = char(0xE9);
+        const auto back =
+            QKKeyedUnarchiver::unarchivedObject(archive).value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
+        QVERIFY(back);
+        QVERIFY(QKBase64::isASCII(back->imageBase64()));
+        QCOMPARE(back->image().convertToFormat(QImage::Format_ARGB32), image);
+        const auto again = QKKeyedUnarchiver::unarchivedObject(QKKeyedArchiver::archivedData(coded(back)))
+                               .value<QKCodingPtr>()
+                               .dynamicCast<QKFeedbackItem>();
+        QCOMPARE(again->image().convertToFormat(QImage::Format_ARGB32), image);
     }
 
     void absentSubItemsStayNil()

@@ -116,7 +116,7 @@ private:
     QList<RecordedRequest> m_requests;
     QList<CannedAnswer> m_answers;
     QHash<QString, QList<QJsonObject>> m_threads;
-    QHash<QString, QByteArray> m_images;
+    QHash<QString, QByteArray> m_images; // Base64 letters
     qint64 m_lastTimestampMs = 0;
     quint32 m_idCounter = 0;
 };
