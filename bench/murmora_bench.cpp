@@ -7,6 +7,7 @@
 #include "annotation/QKFeedbackPoint.h"
 #include "annotation/QKFeedbackSendViewController.h"
 #include "base/QKDocumentsDirectory.h"
+#include "base/QKDispatch.h"
 #include "base/QKPNGCodec.h"
 #include "base/QKPNGCodec_p.h"
 #include "base/QKURLSession.h"
@@ -444,13 +445,10 @@ void endToEnd(benchmark::State &state)
         service->source->addFeedbackItems(items, [outcome](std::optional<QKError> error) {
             outcome->error = error;
             outcome->done = true;
-            QMetaObject::invokeMethod(
-                qApp,
-                [outcome] {
-                    if (outcome->loop)
-                        outcome->loop->quit();
-                },
-                Qt::QueuedConnection);
+            QKDispatch::async(QKDispatch::mainQueue(), [outcome] {
+                if (outcome->loop)
+                    outcome->loop->quit();
+            });
         });
         QTimer::singleShot(120000, &loop, &QEventLoop::quit);
         if (!outcome->done)
