@@ -14,10 +14,27 @@ constexpr double PushSeconds = 0.3;
 QKNavigationController::QKNavigationController(QKViewController *rootViewController, QObject *parent)
     : QKViewController(parent)
 {
-    if (rootViewController) {
-        addChildViewController(rootViewController);
-        m_stack.append(rootViewController);
-    }
+    if (rootViewController)
+        adopt(rootViewController);
+}
+
+void QKNavigationController::adopt(QKViewController *controller)
+{
+    addChildViewController(controller);
+    m_stack.append(controller);
+    connect(controller, &QObject::destroyed, this, &QKNavigationController::forget);
+}
+
+// A host may delete a screen itself: it leaves the stack, and the one below shows.
+void QKNavigationController::forget(QObject *gone)
+{
+    const qsizetype at = m_stack.indexOf(static_cast<QKViewController *>(gone));
+    if (at < 0)
+        return;
+    const bool wasTop = at == m_stack.size() - 1;
+    m_stack.removeAt(at);
+    if (wasTop && isViewLoaded())
+        showTop();
 }
 
 QKNavigationBar *QKNavigationController::navigationBar()
@@ -90,8 +107,7 @@ void QKNavigationController::pushViewController(QKViewController *controller, bo
     if (!controller || m_stack.contains(controller))
         return;
     QKViewController *previous = topViewController();
-    addChildViewController(controller);
-    m_stack.append(controller);
+    adopt(controller);
     if (!isViewLoaded())
         return;
     showTop();
@@ -126,6 +142,7 @@ QKViewController *QKNavigationController::popViewControllerAnimated(bool animate
     if (m_stack.size() < 2)
         return nullptr;
     QKViewController *popped = m_stack.takeLast();
+    disconnect(popped, &QObject::destroyed, this, &QKNavigationController::forget);
     QPointer<QKViewController> doomed(popped);
     auto finish = [doomed] {
         if (doomed) {

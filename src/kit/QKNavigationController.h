@@ -7,7 +7,8 @@ class QKNavigationBar;
 /// A stack of controllers under a bar that shows the top one's title and bar button
 /// items. Pushing slides the new screen in from the right; popping slides it back out.
 /// Owns the controllers on its stack; a popped controller is deleted once it is off
-/// screen. With an opaque bar (the default) the screens start below it.
+/// screen, and one deleted by its host leaves the stack. With an opaque bar (the
+/// default) the screens start below it.
 class MURMORA_EXPORT QKNavigationController : public QKViewController
 {
     Q_OBJECT
@@ -30,6 +31,8 @@ public:
 private:
     QRectF contentFrame() const;
     void showTop();
+    void adopt(QKViewController *controller);
+    void forget(QObject *gone);
     QList<QKViewController *> m_stack;
     QKNavigationBar *m_bar = nullptr;
     QMetaObject::Connection m_titleConnection;

@@ -223,9 +223,12 @@ void QKFeedbackYourItemsViewController::didSelectRowAtIndexPath(QKTableView *, c
     auto *details = new QKFeedbackItemDetailsViewController;
     details->setFeedbackItem(item);
     details->setDataSource(m_dataSource);
+    QPointer<QKFeedbackItemDetailsViewController> shown(details);
     if (QKNavigationController *navigation = navigationController())
         navigation->pushViewController(details, true);
-    QPointer<QKFeedbackItemDetailsViewController> shown(details);
+    else
+        delete details; // nowhere to show it; the item's comments and image still load
+
     if (!m_dataSource)
         return;
     if (item->image().isNull()) {

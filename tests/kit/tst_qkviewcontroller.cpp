@@ -209,6 +209,16 @@ private slots:
         QTRY_VERIFY(m_log.contains(QStringLiteral("b deleted")));
         QVERIFY(!rootScreen->view()->isHidden());
         QCOMPARE(navigation->popViewControllerAnimated(true), nullptr); // never the root
+
+        // A screen its host deletes leaves the stack; the one below shows again.
+        auto *deleted = new Probe(&m_log, QStringLiteral("d"));
+        navigation->pushViewController(deleted, false);
+        QVERIFY(rootScreen->view()->isHidden());
+        delete deleted;
+        QCOMPARE(navigation->viewControllers(), QList<QKViewController *>{rootScreen});
+        QCOMPARE(bar->shownTitle(), QStringLiteral("Your feedback"));
+        QVERIFY(!rootScreen->view()->isHidden());
+        QCOMPARE(navigation->popViewControllerAnimated(false), nullptr);
     }
 
     void interactionOff()
