@@ -22,13 +22,14 @@ void QKNavigationController::adopt(QKViewController *controller)
 {
     addChildViewController(controller);
     m_stack.append(controller);
-    connect(controller, &QObject::destroyed, this, &QKNavigationController::forget);
+    // The pointer is only compared once the object is gone, never used.
+    connect(controller, &QObject::destroyed, this, [this, controller] { forget(controller); });
 }
 
 // A host may delete a screen itself: it leaves the stack, and the one below shows.
-void QKNavigationController::forget(QObject *gone)
+void QKNavigationController::forget(QKViewController *gone)
 {
-    const qsizetype at = m_stack.indexOf(static_cast<QKViewController *>(gone));
+    const qsizetype at = m_stack.indexOf(gone);
     if (at < 0)
         return;
     const bool wasTop = at == m_stack.size() - 1;
@@ -142,7 +143,7 @@ QKViewController *QKNavigationController::popViewControllerAnimated(bool animate
     if (m_stack.size() < 2)
         return nullptr;
     QKViewController *popped = m_stack.takeLast();
-    disconnect(popped, &QObject::destroyed, this, &QKNavigationController::forget);
+    disconnect(popped, &QObject::destroyed, this, nullptr);
     QPointer<QKViewController> doomed(popped);
     auto finish = [doomed] {
         if (doomed) {

@@ -32,7 +32,7 @@ private:
     QRectF contentFrame() const;
     void showTop();
     void adopt(QKViewController *controller);
-    void forget(QObject *gone);
+    void forget(QKViewController *gone);
     QList<QKViewController *> m_stack;
     QKNavigationBar *m_bar = nullptr;
     QMetaObject::Connection m_titleConnection;
