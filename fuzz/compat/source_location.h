@@ -9,7 +9,7 @@
 namespace std {
 struct source_location
 {
-    static consteval source_location current(const char *file = __builtin_FILE(),
+    static constexpr source_location current(const char *file = __builtin_FILE(),
                                              const char *function = __builtin_FUNCTION(),
                                              uint_least32_t line = __builtin_LINE(),
                                              uint_least32_t column = __builtin_COLUMN()) noexcept
