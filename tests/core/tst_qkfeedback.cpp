@@ -117,12 +117,9 @@ private slots:
         QKSetDocumentsDirectory(m_documents.path());
         QKAnimation::setAnimationsEnabled(false);
         QVERIFY(m_service.listen());
-        m_window = new QKWindow(QSizeF(393, 852));
         auto *host = new QKViewController;
         host->view()->setBackgroundColor(HostColour);
-        m_window->setRootViewController(host);
-        m_window->makeKeyAndVisible();
-        QApplication::setActiveWindow(m_window);
+        m_window = ScreenDriver::phoneWindow(host);
         QVERIFY(QTest::qWaitForWindowActive(m_window));
     }
     void cleanupTestCase() { delete m_window; }

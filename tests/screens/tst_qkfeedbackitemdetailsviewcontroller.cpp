@@ -180,9 +180,7 @@ private slots:
                                                                     m_service.baseUrl(), QVariantMap());
         m_source->setSession(session);
         m_source->setUserName(QStringLiteral("Ada"));
-        m_window = new QKWindow(QSizeF(393, 852));
-        m_window->makeKeyAndVisible();
-        QApplication::setActiveWindow(m_window);
+        m_window = ScreenDriver::phoneWindow(nullptr);
         QVERIFY(QTest::qWaitForWindowActive(m_window));
     }
 

@@ -143,10 +143,7 @@ private slots:
         for (const char *text : {"Older comment", "Newer comment"})
             m_service.addThread(Key, {{"Uid", Device}, {"RootId", m_newestId}, {"Text", text}, {"Author", "Support"}});
 
-        m_window = new QKWindow(QSizeF(393, 852));
-        m_window->setRootViewController(new QKViewController);
-        m_window->makeKeyAndVisible();
-        QApplication::setActiveWindow(m_window);
+        m_window = ScreenDriver::phoneWindow(new QKViewController);
         QVERIFY(QTest::qWaitForWindowActive(m_window));
     }
     void cleanupTestCase() { delete m_window; }

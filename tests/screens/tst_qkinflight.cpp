@@ -227,10 +227,7 @@ private slots:
         m_source->setUserName(QStringLiteral("Ada"));
         QKFeedback::feedbackSettings()->showFeedbackSentAlert = false;
 
-        m_window = new QKWindow(QSizeF(393, 852));
-        m_window->setRootViewController(new QKViewController);
-        m_window->makeKeyAndVisible();
-        QApplication::setActiveWindow(m_window);
+        m_window = ScreenDriver::phoneWindow(new QKViewController);
         QVERIFY(QTest::qWaitForWindowActive(m_window));
     }
     void cleanupTestCase() { delete m_window; }

@@ -7,7 +7,7 @@
 #include "kit/QKNavigationController.h"
 #include "kit/QKWindow.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QtTest>
 
 namespace ScreenDriver {
@@ -24,6 +24,18 @@ inline void tapWindow(QKWindow *window, const QPointF &point)
 inline void tapView(QKWindow *window, QKView *view)
 {
     tapWindow(window, view->convertPointToView(view->bounds().center(), nullptr));
+}
+
+// A window of a phone's size in points with `root` (when given), shown, key and
+// active; the caller waits for it with QTest::qWaitForWindowActive.
+inline QKWindow *phoneWindow(QKViewController *root)
+{
+    auto *window = new QKWindow(QSizeF(393, 852));
+    if (root)
+        window->setRootViewController(root);
+    window->makeKeyAndVisible();
+    QApplication::setActiveWindow(window);
+    return window;
 }
 
 inline QKNavigationController *shownNavigation()
