@@ -8,9 +8,7 @@
 #include "../base/QKWhitespace.h"
 #include "../core/QKFeedback.h"
 #include "../kit/QKAnimation.h"
-#include "../kit/QKApplication.h"
 #include "../kit/QKBarButtonItem.h"
-#include "../kit/QKDevice.h"
 #include "../kit/QKFont.h"
 #include "../kit/QKImageView.h"
 #include "../kit/QKKeyboard.h"
@@ -19,16 +17,8 @@
 #include "../kit/QKScrollView.h"
 
 #include <QPainter>
-#include <QRegularExpression>
 
 namespace {
-
-// The leading number of a version such as "17.2.1", 0 when there is none.
-float leadingFloat(const QString &text)
-{
-    static const QRegularExpression number(QStringLiteral("^\\s*[+-]?(\\d+\\.?\\d*|\\.\\d+)([eE][+-]?\\d+)?"));
-    return number.match(text).captured(0).trimmed().toFloat();
-}
 
 // CGRectContainsPoint: the maximum edges lie outside.
 bool rectContainsPoint(const QRectF &rect, const QPointF &point)
@@ -203,10 +193,8 @@ void QKFeedbackSendViewController::removeTextView()
 void QKFeedbackSendViewController::keyboardWillShow(const QKNotification &notification)
 {
     const QRectF keyboard = notification.userInfo().value(QKKeyboard::FrameBeginUserInfoKey).toRectF();
-    const int orientation = QKApplication::sharedApplication()->statusBarOrientation();
-    const float version = leadingFloat(QKDevice::currentDevice()->systemVersion());
-    // Older systems report the keyboard's frame unrotated in landscape.
-    const qreal height = version < 8.0f && !isPortrait(orientation) ? keyboard.width() : keyboard.height();
+    // Always the height: Qt reports the keyboard's frame as shown, whatever the system version.
+    const qreal height = keyboard.height();
     QKAnimation::animate(
         0.2, 0.0, QKAnimation::CurveEaseOut,
         [this, height] {

@@ -20,6 +20,12 @@ class QKScrollView;
 /// drops a marker (or picks the one there) and opens a comment bar for it; "Send"
 /// tells the delegate, which fetches one item per marker from feedbackItems. The
 /// screen sends nothing itself. Main thread only.
+///
+/// The comment bar rides on the keyboard's height in every orientation and on every
+/// system version. (The platform this screen comes from took the frame's width on
+/// systems below 8.0 in landscape, where the frame arrived unrotated; Qt never reports
+/// it so, and a version below 8.0 is common under Qt: Android 6 and 7, many Linux
+/// systems, or none at all.)
 class MURMORA_EXPORT QKFeedbackSendViewController : public QKViewController, public QKFeedbackTextViewDelegate
 {
     Q_OBJECT

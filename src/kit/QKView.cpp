@@ -167,8 +167,8 @@ void QKView::setUserInteractionEnabled(bool enabled)
         return;
     m_userInteraction = enabled;
     applyInteraction();
-    if (!enabled && QApplication::focusWidget() && isAncestorOf(QApplication::focusWidget()))
-        QApplication::focusWidget()->clearFocus();
+    // The focus stays: a field keeps editing while its screen is switched off (during a
+    // send, say), as on the platform. Keys stop at this view (InteractionFilter).
 }
 
 bool QKView::interactionBlocked() const

@@ -59,7 +59,8 @@ public:
     void setAutoresizingMask(int mask) { m_autoresizingMask = mask; }
 
     /// False: taps go to the view underneath (the superview), keys are dropped, for
-    /// this view and every view inside it. The look does not change.
+    /// this view and every view inside it. The look does not change, and a field inside
+    /// keeps the keyboard focus (editing does not end).
     bool isUserInteractionEnabled() const { return m_userInteraction; }
     void setUserInteractionEnabled(bool enabled);
 

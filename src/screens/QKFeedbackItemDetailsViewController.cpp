@@ -15,7 +15,6 @@
 #include "../kit/QKAnimation.h"
 #include "../kit/QKApplication.h"
 #include "../kit/QKButton.h"
-#include "../kit/QKDevice.h"
 #include "../kit/QKFont.h"
 #include "../kit/QKImageView.h"
 #include "../kit/QKKeyboard.h"
@@ -25,18 +24,9 @@
 #include "../kit/QKTableView.h"
 #include "../kit/QKTextField.h"
 
-#include <QRegularExpression>
-
 // The platform's darkGrayColor and lightGrayColor.
 static const QColor darkGray = QColor::fromRgbF(1.0 / 3, 1.0 / 3, 1.0 / 3);
 static const QColor lightGray = QColor::fromRgbF(2.0 / 3, 2.0 / 3, 2.0 / 3);
-
-// The leading number of a version such as "17.2.1", 0 when there is none.
-static float leadingFloat(const QString &text)
-{
-    static const QRegularExpression number(QStringLiteral("^\\s*[+-]?(\\d+\\.?\\d*|\\.\\d+)([eE][+-]?\\d+)?"));
-    return number.match(text).captured(0).trimmed().toFloat();
-}
 
 static qsizetype subItemCount(const QKFeedbackItemPtr &item)
 {
@@ -103,11 +93,8 @@ void QKFeedbackItemDetailsViewController::viewDidLayoutSubviews()
         return;
     const QRectF bounds = view()->bounds();
     if (m_keyboardIsVisible) {
-        const int orientation = QKApplication::sharedApplication()->statusBarOrientation();
-        const float version = leadingFloat(QKDevice::currentDevice()->systemVersion());
-        // Older systems report the keyboard's frame unrotated in landscape.
-        const qreal extent =
-            version < 8.0f && !isPortrait(orientation) ? m_keyboardSize.width() : m_keyboardSize.height();
+        // Always the height: Qt reports the keyboard's frame as shown, whatever the system version.
+        const qreal extent = m_keyboardSize.height();
         const QRectF bar = m_textView->bounds();
         m_textView->setFrame(QRectF(0, bounds.height() - (extent + bar.height()), bar.width(), bar.height()));
     } else {

@@ -30,6 +30,10 @@ class QKTableView;
 /// implements(QKFeedbackDataSource::Operation::AddSubItemForKey) before offering comments.
 /// The item and the data source are held weakly: the list screen keeps them. Main
 /// thread only; the send's completion may come on any thread and is moved to the main one.
+///
+/// With the keyboard up, the comment bar sits above the keyboard's height in every
+/// orientation and on every system version, as on the send screen (see there why the
+/// old landscape rule for systems below 8.0 is gone).
 class MURMORA_EXPORT QKFeedbackItemDetailsViewController : public QKViewController,
                                                            public QKTableViewDataSource,
                                                            public QKTableViewDelegate,

@@ -1,6 +1,7 @@
 #include "QKFeedbackSettingsViewController.h"
 
 #include "../base/QKLocalizedString.h"
+#include "../base/QKWhitespace.h"
 #include "../core/QKFeedback.h"
 #include "../kit/QKBarButtonItem.h"
 #include "../kit/QKButton.h"
@@ -8,8 +9,6 @@
 #include "../kit/QKNavigationController.h"
 #include "../kit/QKTextField.h"
 #include "QKFeedbackSettingsViewControllerDelegate.h"
-
-#include <algorithm>
 
 static const QColor lightGrey = QColor::fromRgbF(2.0f / 3, 2.0f / 3, 2.0f / 3);
 static const QColor buttonBlue = QColor::fromRgbF(0.0f, 122.0f / 255, 1.0f, 1.0f);
@@ -92,9 +91,8 @@ void QKFeedbackSettingsViewController::textFieldDidChange(QKControl *)
 {
     if (!m_nameTextField || !m_continueButton)
         return;
-    const QString text = m_nameTextField->text();
-    m_continueButton->setEnabled(
-        std::any_of(text.cbegin(), text.cend(), [](QChar c) { return c != u' ' && c != u'\t'; }));
+    // The same blanks the façade trims before it saves: a name of blanks never gets through.
+    m_continueButton->setEnabled(!QKTrimmedWhitespace(m_nameTextField->text()).isEmpty());
 }
 
 void QKFeedbackSettingsViewController::sendWithName()

@@ -27,8 +27,8 @@ public:
     void viewDidLoad() override;
     void viewDidLayoutSubviews() override;
 
-    /// Continue is enabled exactly when the text, without spaces and tabs at its ends,
-    /// is not empty.
+    /// Continue is enabled exactly when the text, without blanks at its ends (tabs and
+    /// every Unicode space, as QKTrimmedWhitespace), is not empty.
     void textFieldDidChange(QKControl *field);
     /// Tells the delegate "SendWithName" / "SendAnonymous"; nothing else.
     void sendWithName();

@@ -5,9 +5,11 @@
 #include "annotation/QKFeedbackSendViewControllerDelegate.h"
 #include "annotation/QKFeedbackSurfaceView.h"
 #include "annotation/QKFeedbackTextView.h"
+#include "base/QKDeviceInfo.h"
 #include "base/QKDocumentsDirectory.h"
 #include "core/QKFeedback.h"
 #include "kit/QKAnimation.h"
+#include "kit/QKApplication.h"
 #include "kit/QKButton.h"
 #include "kit/QKImageView.h"
 #include "kit/QKKeyboard.h"
@@ -273,13 +275,22 @@ private slots:
     {
         QTest::addColumn<QPointF>("item");
         QTest::addColumn<bool>("lifted");
-        QTest::newRow("marker near the top") << QPointF(200, 100) << false;
-        QTest::newRow("marker near the bottom") << QPointF(200, 780) << true;
+        QTest::addColumn<QString>("version");
+        QTest::newRow("marker near the top") << QPointF(200, 100) << false << QStringLiteral("17.2");
+        QTest::newRow("marker near the bottom") << QPointF(200, 780) << true << QStringLiteral("17.2");
+        // The offscreen screen lies in landscape: old and unknown versions take the height too.
+        QTest::newRow("landscape, system 7.1") << QPointF(200, 780) << true << QStringLiteral("7.1");
+        QTest::newRow("landscape, no version") << QPointF(200, 780) << true << QString();
     }
     void keyboardLiftsThePicture()
     {
         QFETCH(QPointF, item);
         QFETCH(bool, lifted);
+        QFETCH(QString, version);
+        QKDeviceInfo::Providers providers;
+        providers.systemVersion = [version] { return version; };
+        QKDeviceInfo::setProviders(providers);
+        QVERIFY(!QKFeedbackSendViewController::isPortrait(QKApplication::sharedApplication()->statusBarOrientation()));
         tapPicture(item);
         QKFeedbackTextView *bar = m_screen->textView();
         QKScrollView *scroll = m_screen->scrollView();
@@ -297,6 +308,7 @@ private slots:
         QCOMPARE(scroll->contentInset(), QMarginsF());
         QCOMPARE(scroll->contentOffset(), QPointF(0, 0));
         QCOMPARE(bar->frame().y(), top); // the bar goes with the edit, not with the keyboard
+        QKDeviceInfo::setProviders(QKDeviceInfo::defaultProviders());
     }
 
     void itemsCarryTheirOwnMarker()

@@ -15,6 +15,7 @@
 #include "data/QKLocalFeedbackSource.h"
 #include "data/QKPlatformFeedbackSource.h"
 #include "kit/QKActionSheet.h"
+#include "kit/QKActivityIndicatorView.h"
 #include "kit/QKAlertView.h"
 #include "kit/QKAnimation.h"
 #include "kit/QKButton.h"
@@ -40,6 +41,30 @@ using namespace ScreenDriver;
 namespace {
 
 const QColor HostColour(200, 220, 240);
+
+// Holds each batch until the test answers it, so the screens can be looked at mid-send.
+class HeldSource : public QKFeedbackDataSource
+{
+public:
+    QList<QKFeedbackItemList> batches;
+    ErrorCompletion pending;
+    QString name = QStringLiteral("Ada");
+
+    void feedbackItems(ItemsCompletion completion) override { completion(QKFeedbackItemList(), std::nullopt); }
+    void addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completion) override
+    {
+        addFeedbackItems({item}, std::move(completion));
+    }
+    void addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completion) override
+    {
+        batches.append(items);
+        pending = std::move(completion);
+    }
+    void editWithKey(const QString &, const QString &, ErrorCompletion completion) override { completion({}); }
+    void deleteWithKey(const QString &, ErrorCompletion completion) override { completion({}); }
+    QString userName() const override { return name; }
+    void setUserName(const QString &userName) override { name = userName; }
+};
 
 QColor pixel(const QImage &image, const QPointF &points)
 {
@@ -268,6 +293,61 @@ private slots:
         process.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--saved-name"), m_documents.path()});
         QVERIFY(process.waitForFinished(30000));
         QCOMPARE(process.readAllStandardOutput().trimmed(), QByteArray("Ada"));
+    }
+
+    // Send with a comment bar open: input goes off under a centred grey spinner, but the
+    // bar keeps editing; a failure shows the captions' title, and a second Send sends the
+    // same items, the marker being edited with the comment it had before the edit.
+    void sendWithTheCommentBarOpen()
+    {
+        auto source = QSharedPointer<HeldSource>::create();
+        QKFeedback::setDataSource(source);
+        source->setUserName(QStringLiteral("Ada"));
+        QKFeedback::feedbackSettings()->feedbackSentAlertTitle = QStringLiteral("Not this time");
+        QKFeedback::showFeedback();
+        tapMenu(0);
+        QKFeedbackSendViewController *screen = nullptr;
+        QTRY_VERIFY((screen = topScreen<QKFeedbackSendViewController>()));
+        comment(screen, QPointF(60, 80), QStringLiteral("Too small"));
+        tapWindow(m_window, screen->surfaceView()->convertPointToView(QPointF(200, 300), nullptr));
+        QTRY_VERIFY(screen->textView() && screen->textView()->textField()->isFirstResponder());
+        QTest::keyClicks(screen->textView()->textField()->lineEdit(), QStringLiteral("half"));
+
+        for (int round = 0; round < 2; ++round) {
+            tapBarItem(screen->navigationItem()->rightBarButtonItem());
+            QCOMPARE(source->batches.size(), round + 1);
+            QKViewController *top = shownNavigation();
+            QVERIFY(!top->view()->isUserInteractionEnabled());
+            const auto spinners = top->view()->findChildren<QKActivityIndicatorView *>();
+            QCOMPARE(spinners.size(), 1);
+            QCOMPARE(spinners.first()->style(), QKActivityIndicatorView::Gray);
+            QVERIFY(spinners.first()->isAnimating());
+            QCOMPARE(spinners.first()->center(), top->view()->bounds().center());
+            QVERIFY(screen->textView() && screen->textView()->textField()->isFirstResponder());
+
+            source->pending(QKError::withMessage(QStringLiteral("Wendax Platform"), 507, QStringLiteral("Full")));
+            QTRY_COMPARE(QKAlertView::visibleAlerts().size(), 1);
+            QPointer<QKAlertView> alert = QKAlertView::visibleAlerts().first();
+            QCOMPARE(alert->title(), QStringLiteral("Not this time"));
+            QCOMPARE(alert->message(), QStringLiteral("Full"));
+            QCOMPARE(alert->buttonTitles(), QStringList{QStringLiteral("OK")});
+            QVERIFY(top->view()->isUserInteractionEnabled());
+            QTRY_VERIFY(top->view()->findChildren<QKActivityIndicatorView *>().isEmpty());
+            tapWindow(m_window, alert->rectForButtonAtIndex(0).center());
+            QTRY_VERIFY(!alert);
+
+            QCOMPARE(screen->surfaceView()->feedbackPoints().size(), 2);
+            QVERIFY(screen->textView());
+            QCOMPARE(screen->textView()->textField()->text(), QStringLiteral("half"));
+        }
+        for (const QKFeedbackItemList &batch : std::as_const(source->batches)) {
+            QCOMPARE(batch.size(), 2);
+            QCOMPARE(batch[0]->text(), QStringLiteral("Too small"));
+            QVERIFY(batch[1]->text().isNull()); // a new marker had no comment before the edit
+        }
+        tapBarItem(screen->navigationItem()->leftBarButtonItem());
+        QTRY_VERIFY(!QKFeedback::feedbackIsShown());
+        QKFeedback::feedbackSettings()->feedbackSentAlertTitle = QKFeedbackSettings().feedbackSentAlertTitle;
     }
 
     void failureKeepsTheSendScreen()

@@ -89,6 +89,12 @@ private slots:
     {
         auto *screen = show(&m_delegate, false);
         QVERIFY(screen->exitOnBackTouched());
+        QCOMPARE(screen->nameDescription()->text(),
+                 QStringLiteral("Your name will appear on the feedback you are sending."));
+        QCOMPARE(screen->nameTextField()->placeholder(), QStringLiteral("Name"));
+        QCOMPARE(screen->continueButton()->titleForState(QKButton::Normal), QStringLiteral("Continue"));
+        QCOMPARE(screen->sendAnonymousButton()->titleForState(QKButton::Normal), QStringLiteral("Send Anonymously"));
+        QCOMPARE(screen->navigationItem()->leftBarButtonItem()->title(), QStringLiteral("Back"));
         QKButton *proceed = screen->continueButton();
         QVERIFY(!proceed->isEnabled()); // even with the saved name in the field
         QLineEdit *edit = screen->nameTextField()->lineEdit();
@@ -96,6 +102,11 @@ private slots:
         QGuiApplication::clipboard()->setText(QStringLiteral("\t \t"));
         QTest::keyClick(edit, Qt::Key_V, Qt::ControlModifier);
         QCOMPARE(edit->text(), QStringLiteral("   \t \t"));
+        QVERIFY(!proceed->isEnabled());
+        // Ideographic and no-break spaces are blanks too, as the façade trims them before saving.
+        QGuiApplication::clipboard()->setText(QStringLiteral("\u3000\u00A0"));
+        QTest::keyClick(edit, Qt::Key_V, Qt::ControlModifier);
+        QVERIFY(edit->text().endsWith(QStringLiteral("\u3000\u00A0")));
         QVERIFY(!proceed->isEnabled());
         QTest::keyClicks(edit, QStringLiteral("J "));
         QVERIFY(proceed->isEnabled());
