@@ -12,26 +12,39 @@
 
 namespace {
 
-// Lives on the main thread for the rest of the process. Made by the application's
-// constructor, on that thread, so that every thread that posts sees it whole.
-std::mutex mainMutex;
-QKThreadHandOff *mainHandOffObject = nullptr;
-
-void createMainHandOff()
+// The main queue: lives on the main thread for the rest of the process. Made by the
+// application's constructor, on that thread, so that every thread that posts sees it
+// whole; closed when the application goes, after which blocks are dropped.
+struct MainQueue
 {
-    std::lock_guard lock(mainMutex);
-    if (!mainHandOffObject)
-        mainHandOffObject = new QKThreadHandOff;
-}
-Q_COREAPP_STARTUP_FUNCTION(createMainHandOff)
+    std::mutex mutex;
+    QKThreadHandOff *handOff = nullptr;
+    bool open = false;
+};
 
-QKThreadHandOff *mainHandOff()
+MainQueue &mainQueueState()
 {
-    std::lock_guard lock(mainMutex);
-    if (!mainHandOffObject || !QCoreApplication::instance())
-        throw QKException(QStringLiteral("QKDispatch"), QStringLiteral("the main queue needs a QCoreApplication"));
-    return mainHandOffObject;
+    static MainQueue queue;
+    return queue;
 }
+
+void closeMainQueue()
+{
+    MainQueue &queue = mainQueueState();
+    std::lock_guard lock(queue.mutex);
+    queue.open = false;
+}
+
+void openMainQueue()
+{
+    MainQueue &queue = mainQueueState();
+    std::lock_guard lock(queue.mutex);
+    if (!queue.handOff)
+        queue.handOff = new QKThreadHandOff;
+    queue.open = true;
+    qAddPostRoutine(closeMainQueue);
+}
+Q_COREAPP_STARTUP_FUNCTION(openMainQueue)
 
 // The global queue's blocks, taken one per runnable, in the order posted.
 struct GlobalBlocks
@@ -77,16 +90,28 @@ QKDispatchQueue QKDispatch::globalQueue()
 void QKDispatch::async(const QKDispatchQueue &queue, std::function<void()> block)
 {
     switch (queue.m_kind) {
-    case QKDispatchQueue::Kind::Main:
-        mainHandOff()->post(std::move(block));
+    case QKDispatchQueue::Kind::Main: {
+        MainQueue &main = mainQueueState();
+        std::lock_guard lock(main.mutex);
+        if (!main.handOff)
+            throw QKException(QStringLiteral("QKDispatch"), QStringLiteral("the main queue needs a QCoreApplication"));
+        // Nothing runs on the main thread once its application is gone: a completion
+        // arriving during shutdown is dropped, never thrown at a pool thread.
+        if (main.open)
+            main.handOff->post(std::move(block));
         break;
+    }
     case QKDispatchQueue::Kind::Global: {
+        // Qt's global pool is gone once the application has waited for it.
+        QThreadPool *pool = QThreadPool::globalInstance();
+        if (!pool)
+            break;
         GlobalBlocks &global = globalBlocks();
         {
             std::lock_guard lock(global.mutex);
             global.blocks.push_back(std::move(block));
         }
-        QThreadPool::globalInstance()->start(new GlobalRunnable);
+        pool->start(new GlobalRunnable);
         break;
     }
     }

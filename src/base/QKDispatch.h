@@ -24,10 +24,12 @@ class MURMORA_DATA_EXPORT QKDispatch
 {
 public:
     /// The main thread's queue. Blocks run from its event loop, in the order posted.
-    /// Needs a QCoreApplication (QKException without one); blocks posted before its
-    /// event loop starts run once it does.
+    /// Needs a QCoreApplication (QKException when none was ever made); blocks posted
+    /// before its event loop starts run once it does. Once the application object is
+    /// being destroyed, blocks posted here are dropped without running.
     static QKDispatchQueue mainQueue();
-    /// Qt's global thread pool; blocks may run concurrently.
+    /// Qt's global thread pool; blocks may run concurrently. The application's
+    /// destructor waits for them; after it, blocks posted here are dropped.
     static QKDispatchQueue globalQueue();
 
     static void async(const QKDispatchQueue &queue, std::function<void()> block);

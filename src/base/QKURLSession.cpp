@@ -3,6 +3,7 @@
 #include "QKThreadHandOff_p.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QMutex>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -13,6 +14,7 @@
 #include <QThread>
 #include <QTimer>
 
+#include <limits>
 #include <vector>
 
 namespace {
@@ -37,26 +39,47 @@ struct NetworkThread
 {
     QThread *thread = nullptr;
     QKThreadHandOff *context = nullptr; // lives on the thread; blocks posted to it run there
+    bool stopped = false;               // the application is gone: nothing is posted any more
 };
 
-NetworkThread &networkThreadState()
+void stopNetworkThread();
+
+// Every access holds threadMutex().
+NetworkThread &networkThreadLocked()
 {
     static NetworkThread state;
-    QMutexLocker lock(&threadMutex());
     if (!state.thread) {
         state.thread = new QThread;
         state.thread->setObjectName(QStringLiteral("Murmora network"));
         state.context = new QKThreadHandOff;
         state.context->moveToThread(state.thread);
         state.thread->start();
-        // Stop it with the application, so that no thread outlives what it uses.
-        qAddPostRoutine([] {
-            QThread *running = networkThreadState().thread;
-            running->quit();
-            running->wait();
-        });
+        // Stopped with the application, so that no thread outlives what it uses.
+        qAddPostRoutine(stopNetworkThread);
     }
     return state;
+}
+
+// Runs `block` on the network thread, or returns false once the application is gone.
+bool postToNetworkThread(std::function<void()> block)
+{
+    QMutexLocker lock(&threadMutex());
+    NetworkThread &state = networkThreadLocked();
+    if (state.stopped)
+        return false;
+    state.context->post(std::move(block));
+    return true;
+}
+
+QKThreadHandOff *networkContext()
+{
+    QMutexLocker lock(&threadMutex());
+    return networkThreadLocked().context;
+}
+
+QKError cancelled()
+{
+    return transportError(-999, QStringLiteral("cancelled"));
 }
 
 qint64 sslErrorCode(const QList<QSslError> &errors)
@@ -124,7 +147,7 @@ public:
         quint64 generation = 0;
     };
 
-    explicit QKURLSessionWorker(const Settings &settings) : m_settings(settings) {}
+    QKURLSessionWorker(const Settings &settings, QObject *parent) : QObject(parent), m_settings(settings) {}
 
     ~QKURLSessionWorker() override
     {
@@ -150,14 +173,32 @@ public:
                 m_manager = new QNetworkAccessManager(this);
             m_settings = settings;
         }
-        QNetworkRequest networkRequest(request.url);
-        for (const auto &[name, value] : request.headers)
+        auto task = std::make_shared<Task>();
+        task->request = request;
+        task->completion = completion;
+        task->started.start();
+        send(task);
+    }
+
+private:
+    // One request from start to completion, across the redirects it follows.
+    struct Task
+    {
+        QKURLRequest request; // its URL is the current one
+        QKURLSession::Completion completion;
+        QElapsedTimer started;
+        int redirectsLeft = 16;
+    };
+
+    void send(const std::shared_ptr<Task> &task)
+    {
+        QNetworkRequest networkRequest(task->request.url);
+        for (const auto &[name, value] : task->request.headers)
             networkRequest.setRawHeader(name, value);
         networkRequest.setSslConfiguration(m_settings.tls);
-        networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                                    QNetworkRequest::NoLessSafeRedirectPolicy);
-        networkRequest.setMaximumRedirectsAllowed(16);
-        QNetworkReply *reply = m_manager->sendCustomRequest(networkRequest, request.method, request.body);
+        // Redirects are ours to judge: Qt would follow them to any host.
+        networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+        QNetworkReply *reply = m_manager->sendCustomRequest(networkRequest, task->request.method, task->request.body);
         m_replies.insert(reply);
 
         struct State
@@ -181,7 +222,8 @@ public:
         connections.push_back(QObject::connect(idle, &QTimer::timeout, reply, timeOut));
         connections.push_back(QObject::connect(overall, &QTimer::timeout, reply, timeOut));
         idle->start();
-        overall->start(int(qMin<qint64>(m_settings.resourceTimeout, std::numeric_limits<int>::max())));
+        const qint64 left = qMax<qint64>(0, m_settings.resourceTimeout - task->started.elapsed());
+        overall->start(int(qMin<qint64>(left, std::numeric_limits<int>::max())));
         const qint64 cap = m_settings.maximumSize;
         connections.push_back(
             QObject::connect(reply, &QNetworkReply::uploadProgress, idle, qOverload<>(&QTimer::start)));
@@ -204,7 +246,7 @@ public:
             QObject::connect(reply, &QNetworkReply::sslErrors, reply, [state](const QList<QSslError> &errors) {
                 state->certificateCode = sslErrorCode(errors);
             }));
-        connections.push_back(QObject::connect(reply, &QNetworkReply::finished, this, [this, reply, state, completion] {
+        connections.push_back(QObject::connect(reply, &QNetworkReply::finished, this, [this, reply, state, task] {
             m_replies.remove(reply);
             // Our slots are let go here, on this thread. Left to the reply's deletion,
             // Qt may free them on its HTTP thread, together with what they hold.
@@ -213,11 +255,15 @@ public:
             reply->deleteLater();
             const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
             const QNetworkReply::NetworkError error = reply->error();
+            const QKURLSession::Completion &completion = task->completion;
             if (state->timedOut) {
                 completion(QByteArray(), 0, transportError(-1001, QStringLiteral("The request timed out.")));
             } else if (state->tooLarge) {
                 completion(QByteArray(), 0,
                            transportError(-1103, QStringLiteral("The resource exceeds the maximum size.")));
+            } else if (error == QNetworkReply::NoError && isRedirect(status.toInt()) &&
+                       reply->hasRawHeader("Location")) {
+                redirect(task, reply->url(), status.toInt(), reply->rawHeader("Location"));
             } else if (error == QNetworkReply::NoError || (status.isValid() && isStatusError(error, status.toInt()))) {
                 completion(reply->readAll(), status.toInt(), std::nullopt);
             } else {
@@ -227,6 +273,39 @@ public:
                 completion(QByteArray(), status.toInt(), transportError(code, reply->errorString()));
             }
         }));
+    }
+
+    static bool isRedirect(int status)
+    {
+        return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+    }
+
+    // Followed only within the request's own origin, and for a method other than GET only
+    // where the method and body stay (307, 308): a 301, 302 or 303 would turn a POST into
+    // a GET whose answer is not the POST's.
+    void redirect(const std::shared_ptr<Task> &task, const QUrl &from, int status, const QByteArray &location)
+    {
+        const QUrl to = from.resolved(QUrl::fromEncoded(location, QUrl::StrictMode));
+        const auto port = [](const QUrl &url) { return url.port(url.scheme() == QLatin1String("https") ? 443 : 80); };
+        const bool keepsMethod = status == 307 || status == 308 || task->request.method == "GET";
+        if (from.scheme() == QLatin1String("https") && to.scheme() == QLatin1String("http")) {
+            task->completion(QByteArray(), status,
+                             transportError(-1022, QStringLiteral("a redirect from https to plain http")));
+        } else if (!to.isValid() || to.scheme() != from.scheme() || to.host() != from.host() ||
+                   port(to) != port(from)) {
+            task->completion(QByteArray(), status,
+                             transportError(QKURLSession::RedirectRefusedError,
+                                            QStringLiteral("a redirect to another server was refused")));
+        } else if (!keepsMethod) {
+            task->completion(QByteArray(), status,
+                             transportError(QKURLSession::RedirectRefusedError,
+                                            QStringLiteral("a redirect that would change the method was refused")));
+        } else if (task->redirectsLeft-- <= 0) {
+            task->completion(QByteArray(), status, transportError(-1007, QStringLiteral("too many redirects")));
+        } else {
+            task->request.url = to;
+            send(task);
+        }
     }
 
 private:
@@ -270,6 +349,33 @@ private:
     QSet<QNetworkReply *> m_replies;
 };
 
+namespace {
+
+// Every request still in flight ends now, once, with -999, while the thread still runs
+// its completions; whatever is posted after this fails at once. A batch waiting on a
+// request wakes, so the application's wait for its thread pool ends.
+void stopNetworkThread()
+{
+    QThread *thread = nullptr;
+    {
+        QMutexLocker lock(&threadMutex());
+        NetworkThread &state = networkThreadLocked();
+        if (state.stopped)
+            return;
+        state.stopped = true;
+        thread = state.thread;
+        QKThreadHandOff *context = state.context;
+        // Runs after every block posted before it, so each request started is cancelled.
+        context->post([context] {
+            qDeleteAll(context->findChildren<QKURLSessionWorker *>(Qt::FindDirectChildrenOnly));
+            QThread::currentThread()->quit();
+        });
+    }
+    thread->wait();
+}
+
+} // namespace
+
 struct QKURLSession::Private
 {
     QMutex mutex;
@@ -311,13 +417,12 @@ QKURLSession::QKURLSession() : d(std::make_shared<Private>())
 QKURLSession::~QKURLSession()
 {
     // The worker goes on its own thread, after the tasks already posted have started;
-    // it cancels whatever is still running.
+    // it cancels whatever is still running. Once the thread has stopped, so has it.
     auto shutdown = [d = d] { delete d->worker.data(); };
-    const NetworkThread &network = networkThreadState();
-    if (QThread::currentThread() == network.thread || !network.thread->isRunning())
+    if (QThread::currentThread() == networkThread())
         shutdown();
     else
-        network.context->post(shutdown);
+        postToNetworkThread(shutdown);
 }
 
 QSharedPointer<QKURLSession> QKURLSession::sharedSession()
@@ -328,7 +433,8 @@ QSharedPointer<QKURLSession> QKURLSession::sharedSession()
 
 QThread *QKURLSession::networkThread()
 {
-    return networkThreadState().thread;
+    QMutexLocker lock(&threadMutex());
+    return networkThreadLocked().thread;
 }
 
 void QKURLSession::addCaCertificates(const QList<QSslCertificate> &certificates)
@@ -378,18 +484,21 @@ void QKURLSession::dataTask(const QKURLRequest &request, Completion completion)
     }
     const auto settings = d->snapshot();
     std::weak_ptr<Private> weak = d;
-    networkThreadState().context->post([weak, request, settings, completion, refused] {
+    const bool posted = postToNetworkThread([weak, request, settings, completion, refused] {
         if (refused) {
             completion(QByteArray(), 0, refused);
             return;
         }
         auto d = weak.lock();
         if (!d) {
-            completion(QByteArray(), 0, transportError(-999, QStringLiteral("cancelled")));
+            completion(QByteArray(), 0, cancelled());
             return;
         }
         if (!d->worker)
-            d->worker = new QKURLSessionWorker(settings);
+            d->worker = new QKURLSessionWorker(settings, networkContext());
         d->worker->start(request, settings, completion);
     });
+    // The application is gone: no thread is left to answer on.
+    if (!posted)
+        completion(QByteArray(), 0, cancelled());
 }

@@ -41,11 +41,24 @@ struct MURMORA_DATA_EXPORT QKURLRequest
 /// found, -1004 cannot connect, -1005 connection lost, -1009 offline, -1016 content
 /// that cannot be decoded (how Qt stops a gzip bomb), -1103 too large, -1200 TLS
 /// failed, -1201/-1202/-1204 certificate expired/untrusted/not yet valid, -999
-/// cancelled, -1 other) and a description under "error".
+/// cancelled, -1007 too many redirects, -1022 a redirect from https to http,
+/// RedirectRefusedError (-1040, Murmora's own) a redirect refused, -1 other) and a
+/// description under "error".
+///
+/// Redirects (301, 302, 303, 307, 308) are followed only to the same scheme, host and
+/// port, so that neither a body nor a header (the device's identifier in a filter)
+/// ever reaches another server; and for a method other than GET only by 307 and 308,
+/// which keep the method and body. Any other redirect ends the task with
+/// RedirectRefusedError. (Qt's own policies would follow a 302 after a POST as a GET
+/// and report that GET's answer.)
 ///
 /// Every completion is called exactly once, on the network thread, never on the
-/// caller's. Destroying a session cancels its unfinished tasks (-999). The settings
-/// may be changed from any thread; a change applies to tasks started afterwards.
+/// caller's. Destroying a session cancels its unfinished tasks (-999). When the
+/// QCoreApplication is destroyed, every task still in flight, in every session, ends
+/// with -999 before the network thread stops; a task started after that fails with
+/// -999 at once, on the caller's thread, as there is no network thread left to run it.
+/// The settings may be changed from any thread; a change applies to tasks started
+/// afterwards.
 class MURMORA_DATA_EXPORT QKURLSession
 {
 public:
@@ -76,6 +89,9 @@ public:
     void dataTask(const QKURLRequest &request, Completion completion);
 
     static constexpr const char *ErrorDomain = "NSURLErrorDomain";
+    /// A redirect to another origin, or one that would turn a POST, PUT or DELETE into a
+    /// GET. The platform's URL errors have no code for it; this one is Murmora's.
+    static constexpr qint64 RedirectRefusedError = -1040;
 
 private:
     struct Private;
