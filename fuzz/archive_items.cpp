@@ -1,13 +1,13 @@
-// The local source's archive file, any bytes: the source must load it or refuse it
-// with QKArchiveException, and what it loads must survive its own save and reload.
+// The local source's archive file, any bytes: the source must load it or set it aside
+// as damaged, and what it loads must survive its own save and reload.
 #include "FuzzSupport.h"
 
-#include "base/QKArchiveException.h"
 #include "base/QKDocumentsDirectory.h"
 #include "data/QKLocalFeedbackSource.h"
 
 #include <QDir>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QTemporaryDir>
 
 #include <cstdint>
@@ -37,16 +37,18 @@ void checkSame(const QKFeedbackItem &a, const QKFeedbackItem &b)
 QKFeedbackItemList load(bool mustLoad)
 {
     QKFeedbackItemList items;
-    try {
-        QKLocalFeedbackSource source;
-        source.feedbackItems([&](std::optional<QKFeedbackItemList> loaded, std::optional<QKError>) {
-            if (loaded)
-                items = *loaded;
-        });
-        // The source saves on destruction: that file is what the next load reads.
-    } catch (const QKArchiveException &error) {
-        check(!mustLoad, "the source refused the file it saved", error.reason());
+    QKLocalFeedbackSource source;
+    source.feedbackItems([&](std::optional<QKFeedbackItemList> loaded, std::optional<QKError>) {
+        if (loaded)
+            items = *loaded;
+    });
+    if (const auto damaged = source.damagedArchive()) {
+        check(!mustLoad, "the source refused the file it saved", damaged->reason);
+        check(items.isEmpty(), "a refused file left items behind");
+        check(!damaged->movedTo.isEmpty() && QFile::remove(damaged->movedTo), "the refused file was not kept",
+              damaged->movedTo);
     }
+    // The source saves on destruction: that file is what the next load reads.
     return items;
 }
 
@@ -55,6 +57,8 @@ QKFeedbackItemList load(bool mustLoad)
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     FuzzSupport::startQt();
+    // Every refused input would warn that it was moved aside.
+    QLoggingCategory::setFilterRules(QStringLiteral("murmora.archive.warning=false"));
     // Memory-backed when there is such a place: every run writes the file twice.
     documents = new QTemporaryDir(QDir(QStringLiteral("/dev/shm")).exists()
                                       ? QStringLiteral("/dev/shm/murmora-fuzz-XXXXXX")

@@ -6,7 +6,15 @@
 #include "../base/QKKeyedUnarchiver.h"
 #include "../base/QKLocalizedString.h"
 
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+
 #include <algorithm>
+
+namespace {
+Q_LOGGING_CATEGORY(lcArchive, "murmora.archive")
+}
 
 QKLocalFeedbackSource::QKLocalFeedbackSource(QObject *parent) : QKFeedbackDataSource(parent)
 {
@@ -57,10 +65,11 @@ void QKLocalFeedbackSource::loadData()
                         QStringLiteral("%1 holds an entry that is not a QKFeedbackItem").arg(archivePath()));
                 loaded.append(item);
             }
+            m_damaged.reset(); // only a file read clears it: sharedItems() loads twice
         }
-    } catch (const QKArchiveException &) {
-        m_fileRejected = true;
-        throw;
+    } catch (const QKArchiveException &e) {
+        setAside(e.reason());
+        loaded.clear();
     }
     std::stable_sort(loaded.begin(), loaded.end(), [](const QKFeedbackItemPtr &a, const QKFeedbackItemPtr &b) {
         const QDateTime &x = a->createdAt();
@@ -72,18 +81,49 @@ void QKLocalFeedbackSource::loadData()
     if (loaded.isEmpty())
         loaded.reserve(4);
     m_items = loaded;
-    m_fileRejected = false;
+}
+
+// Keeps the user's file for a person to look at, out of the way of the next save.
+void QKLocalFeedbackSource::setAside(const QString &reason)
+{
+    const QString path = archivePath();
+    const QString stem = path + QStringLiteral(".damaged-") +
+                         QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd'T'HHmmss'Z'"));
+    QString movedTo;
+    // QFile::rename never replaces an existing file.
+    for (int n = 1; n <= 1000 && movedTo.isEmpty(); ++n) {
+        const QString candidate = n == 1 ? stem : stem + QLatin1Char('-') + QString::number(n);
+        if (!QFileInfo::exists(candidate) && QFile::rename(path, candidate))
+            movedTo = candidate;
+    }
+    m_damaged = DamagedArchive{reason, movedTo};
+    if (movedTo.isEmpty())
+        qCWarning(lcArchive,
+                  "the feedback archive %s is damaged (%s) and could not be moved aside; it is left "
+                  "as it is and nothing is saved over it",
+                  qUtf8Printable(path), qUtf8Printable(reason));
+    else
+        qCWarning(lcArchive, "the feedback archive was damaged (%s); it was moved to %s and the list starts empty",
+                  qUtf8Printable(reason), qUtf8Printable(movedTo));
 }
 
 bool QKLocalFeedbackSource::save()
 {
-    if (m_fileRejected)
+    // A damaged file that could not be moved is the user's only copy: never written over.
+    if (m_damaged && m_damaged->movedTo.isEmpty() && QFileInfo::exists(archivePath())) {
+        qCWarning(lcArchive, "not saving the feedback list over the damaged archive %s", qUtf8Printable(archivePath()));
         return false;
+    }
     QVariantList values;
     values.reserve(m_items.size());
     for (const QKFeedbackItemPtr &item : std::as_const(m_items))
         values.append(QVariant::fromValue(item.staticCast<QKCoding>()));
-    return QKKeyedArchiver::archiveRootObject(values, archivePath());
+    QString error;
+    if (QKKeyedArchiver::archiveRootObject(values, archivePath(), &error))
+        return true;
+    qCWarning(lcArchive, "the feedback list could not be saved to %s: %s", qUtf8Printable(archivePath()),
+              qUtf8Printable(error));
+    return false;
 }
 
 QKFeedbackItemPtr QKLocalFeedbackSource::itemForKey(const QString &key) const

@@ -14,12 +14,21 @@
 ///
 /// Several instances each keep their own list and the last to save wins: use one per
 /// process (sharedItems()).
+///
+/// A damaged archive never stops the host. Where the platform's source would raise on
+/// a file it cannot read (and so end the application at every launch), a load that
+/// refuses the file moves it aside in the same directory as
+/// "qkfeedback.plist.damaged-<UTC yyyyMMdd'T'HHmmss'Z'>" (with "-2", "-3"… when that
+/// name is taken; such a file is never overwritten or deleted), starts from an empty
+/// list, warns in the logging category "murmora.archive" and keeps what happened for
+/// damagedArchive(). Saving works again at once. A save that fails (the disk, or a list
+/// too large for the reader to take back) warns in the same category and leaves the
+/// old file as it was.
 class MURMORA_DATA_EXPORT QKLocalFeedbackSource : public QKFeedbackDataSource
 {
     Q_OBJECT
 public:
-    /// Loads the archive. Throws QKArchiveException when the file exists but is not a
-    /// valid items archive; the file is then left as it is, so a host can move it aside.
+    /// Loads the archive (see loadData()); never throws for what the file holds.
     explicit QKLocalFeedbackSource(QObject *parent = nullptr);
     /// Saves the list one last time.
     ~QKLocalFeedbackSource() override;
@@ -46,13 +55,22 @@ public:
     void subItemsForKey(const QString &key, ItemsCompletion completionHandler) override;
 
     /// Replaces the list with the file's, sorted newest first (undated items last, in
-    /// file order). A missing file gives an empty list. Throws QKArchiveException for
-    /// an invalid file and leaves the list as it was; saving is then refused until a
-    /// load succeeds, so the file is kept for the host to look at.
+    /// file order). A missing file gives an empty list; a damaged one is moved aside
+    /// and gives an empty list too (see the class comment and damagedArchive()).
     void loadData();
     /// Writes the whole list to the file, atomically. The operations do not look at
-    /// the result (a failed write keeps the list in memory); false when it failed.
+    /// the result (a failed write keeps the list in memory and the old file, and warns);
+    /// false when it failed.
     bool save();
+
+    /// What the last load found wrong with the archive, and where the file went.
+    struct DamagedArchive
+    {
+        QString reason;  ///< why the reader refused the file
+        QString movedTo; ///< its path now; empty when it could not be moved (saving is then refused)
+    };
+    /// Set by a load that found the archive damaged; cleared by a load that reads a file.
+    std::optional<DamagedArchive> damagedArchive() const { return m_damaged; }
 
     /// The list itself (the same shared items the operations hand out).
     QKFeedbackItemList items() const { return m_items; }
@@ -64,7 +82,9 @@ public:
 private:
     QKFeedbackItemPtr itemForKey(const QString &key) const;
 
+    void setAside(const QString &reason);
+
     QKFeedbackItemList m_items;
     QString m_userName;
-    bool m_fileRejected = false;
+    std::optional<DamagedArchive> m_damaged;
 };

@@ -1,12 +1,13 @@
 // The local source against real archive files in a temporary documents directory.
 
-#include "base/QKArchiveException.h"
 #include "base/QKDocumentsDirectory.h"
 #include "base/QKKeyedArchiver.h"
 #include "base/QKUnrecognizedSelectorException.h"
 #include "data/QKLocalFeedbackSource.h"
 
+#include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -268,40 +269,65 @@ private slots:
         QVERIFY(!fileBytes().contains("Ada")); // the name is never stored
     }
 
-    void invalidFileIsKept()
+    // A file the reader refuses is moved aside, never lost, and never stops the host:
+    // the list starts empty and saving works at once. The same for a later reload.
+    void damagedFileIsSetAside()
     {
+        const QRegularExpression asideName(QStringLiteral("^qkfeedback\\.plist\\.damaged-\\d{8}T\\d{6}Z(-\\d+)?$"));
+        const auto writeFile = [](const QByteArray &bytes) {
+            QFile file(Source::archivePath());
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(bytes);
+        };
+        const auto warned = [] {
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("damaged .* moved to")));
+        };
         QDir().mkpath(QFileInfo(Source::archivePath()).path());
-        QFile file(Source::archivePath());
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("not an archive at all, but the user's data must stay");
-        file.close();
-        const QByteArray before = fileBytes();
-        QVERIFY_THROWS_EXCEPTION(QKArchiveException, Source());
-        QCOMPARE(fileBytes(), before);
+        QStringList seen;
+        for (int round = 0; round < 2; ++round) { // the second in the same second gets its own name
+            const QByteArray garbage = "not an archive, round " + QByteArray::number(round);
+            writeFile(garbage);
+            warned();
+            Source source;
+            QVERIFY(source.items().isEmpty());
+            QVERIFY(source.damagedArchive());
+            const QString movedTo = source.damagedArchive()->movedTo;
+            QVERIFY2(asideName.match(QFileInfo(movedTo).fileName()).hasMatch(), qPrintable(movedTo));
+            QCOMPARE(QFileInfo(movedTo).path(), QFileInfo(Source::archivePath()).path());
+            QVERIFY(!source.damagedArchive()->reason.isEmpty());
+            QFile aside(movedTo);
+            QVERIFY(aside.open(QIODevice::ReadOnly));
+            QCOMPARE(aside.readAll(), garbage);
+            QVERIFY(!seen.contains(movedTo));
+            seen << movedTo;
+            source.addFeedback(makeItem("k", "Open"), [](auto) {});
+            Source reread;
+            QCOMPARE(reread.items().size(), 1);
+            QVERIFY(!reread.damagedArchive());
+        }
+        for (const QString &path : seen) // never overwritten
+            QVERIFY(QFileInfo::exists(path));
 
-        // A valid archive whose root is not a list of items is refused too.
+        // A valid archive whose root is not a list of items. A second load finding no
+        // file keeps the report (the shared source loads twice).
         QVERIFY(QKKeyedArchiver::archiveRootObject(QVariantMap{{QStringLiteral("Name"), QStringLiteral("x")}},
                                                    Source::archivePath()));
-        try {
-            Source source;
-            QFAIL("accepted a dictionary");
-        } catch (const QKArchiveException &e) {
-            QVERIFY2(e.reason().contains(QStringLiteral("not an array of items")), qPrintable(e.reason()));
-        }
-
-        // A source whose reload fails keeps its list and stops writing over the file.
-        QFile::remove(Source::archivePath());
+        warned();
         Source source;
+        source.loadData();
+        QVERIFY(source.damagedArchive());
+        QVERIFY2(source.damagedArchive()->reason.contains(QStringLiteral("not an array of items")),
+                 qPrintable(source.damagedArchive()->reason));
+
+        // A reload that fails: the file goes aside, the list empties, and the next change is saved.
         source.addFeedback(makeItem("k", "Open"), [](auto) {});
-        QVERIFY(QFile::remove(Source::archivePath()));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("garbage");
-        file.close();
-        QVERIFY_THROWS_EXCEPTION(QKArchiveException, source.loadData());
-        QCOMPARE(source.items().size(), 1);
-        QVERIFY(!source.save());
-        source.addFeedback(makeItem("k2", "Open"), [](auto error) { QVERIFY(!error); });
-        QCOMPARE(fileBytes(), QByteArray("garbage"));
+        writeFile("garbage");
+        warned();
+        source.loadData();
+        QVERIFY(source.items().isEmpty());
+        QVERIFY(source.damagedArchive() && QFileInfo::exists(source.damagedArchive()->movedTo));
+        source.addFeedback(makeItem("k2", "Open"), [](auto) {});
+        QCOMPARE(Source().items().size(), 1);
     }
 
     void failedWriteKeepsOldFileAndList()
@@ -316,6 +342,8 @@ private slots:
         QVERIFY(blocker.open(QIODevice::WriteOnly));
         blocker.close();
         QKSetDocumentsDirectory(blocker.fileName() + QStringLiteral("/docs"));
+        for (int i = 0; i < 2; ++i) // each failed save says so
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("could not be saved to .*/docs/")));
         const Result r = errorOf([&](auto done) { source.addFeedback(makeItem("k2", "Open"), done); });
         QCOMPARE(r.calls, 1);
         QVERIFY(!r.error); // silent, as the source promises
