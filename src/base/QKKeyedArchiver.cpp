@@ -23,7 +23,8 @@ struct QKKeyedArchiver::Private
     QHash<QString, quint64> classes;
     QHash<const QKCoding *, quint64> coded;
     QSet<const QKCoding *> encoding;
-    QList<QKPlistNode> containers; // the object dictionaries being filled
+    QList<QKPlistNode> containers;                       // the object dictionaries being filled
+    QList<std::shared_ptr<const QKArchiveBytes>> slices; // what encodeText's nodes point into
     int depth = 0;
 
     quint64 append(QKPlistNode object)
@@ -261,9 +262,10 @@ QByteArray QKKeyedArchiver::archivedData(const QVariant &root)
 
 bool QKKeyedArchiver::archiveRootObject(const QVariant &root, const QString &path, QString *errorString)
 {
+    // Lives until the pieces are written: it holds what they point into.
+    QKKeyedArchiver archiver;
     QList<QByteArray> pieces;
     try {
-        QKKeyedArchiver archiver;
         pieces = archiver.d->pieces(root);
     } catch (const QKArchiveException &e) {
         if (errorString)
@@ -286,6 +288,16 @@ void QKKeyedArchiver::encodeASCIIString(const QByteArray &ascii, const QString &
         return;
     }
     d->set(key, QKPlistNode::uid(d->append(QKPlistNode::ascii(ascii))));
+}
+
+void QKKeyedArchiveAccess::encodeText(QKKeyedArchiver &coder, const QKArchiveSlice &text, const QString &key)
+{
+    if (!text.bytes) {
+        coder.encodeASCIIString(QByteArray(), key);
+        return;
+    }
+    coder.d->slices.append(text.bytes);
+    coder.encodeASCIIString(QByteArray::fromRawData(text.text.data(), text.text.size()), key);
 }
 
 void QKKeyedArchiver::encodeBool(bool value, const QString &key)

@@ -46,6 +46,7 @@ public:
 
 private:
     QKKeyedArchiver();
+    friend struct QKKeyedArchiveAccess;
     struct Private;
     std::unique_ptr<Private> d;
 };

@@ -1,7 +1,8 @@
 #include "QKKeyedUnarchiver.h"
 
 #include "QKArchiveException.h"
-#include "QKBinaryPropertyListCheck_p.h"
+#include "QKBase64.h"
+#include "QKBinaryPropertyList_p.h"
 #include "QKKeyedArchive_p.h"
 
 #include <QFile>
@@ -9,13 +10,19 @@
 #include <QMutex>
 #include <QSet>
 
+#include <atomic>
+#include <cerrno>
 #include <cmath>
-#include <plist/plist.h>
+
+#ifdef Q_OS_UNIX
+#include <unistd.h>
+#endif
 
 namespace {
 
-// A keyed archive larger than this is not one of ours (and not one the parser takes).
-constexpr qint64 MaxArchiveSize = qint64(1) << 31;
+using Object = QKBinaryPropertyList::Object;
+
+std::atomic<qint64> maxArchiveSize{QKKeyedArchiveDefaultMaxSize};
 
 [[noreturn]] void malformed(const QString &what)
 {
@@ -35,94 +42,96 @@ QHash<QString, QKKeyedUnarchiver::Factory> &registry()
     return factories;
 }
 
-struct PlistDeleter
-{
-    void operator()(void *node) const { plist_free(static_cast<plist_t>(node)); }
-};
-
-QString stringValue(plist_t node)
-{
-    // Not plist_get_string_val: libplist asserts (aborts) on a UTF-16 string holding U+0000.
-    uint64_t length = 0;
-    const char *text = plist_get_string_ptr(node, &length);
-    return text ? QString::fromUtf8(text, qsizetype(length)) : QStringLiteral("");
-}
-
-plist_t member(plist_t dict, const char *key)
-{
-    return plist_dict_get_item(dict, key);
-}
-
-quint64 uidValue(plist_t node)
-{
-    uint64_t value = 0;
-    plist_get_uid_val(node, &value);
-    return value;
-}
-
-QString describe(plist_t node)
-{
-    switch (plist_get_node_type(node)) {
-    case PLIST_BOOLEAN:
-        return QStringLiteral("a boolean");
-    case PLIST_UINT:
-        return QStringLiteral("an integer");
-    case PLIST_REAL:
-        return QStringLiteral("a real");
-    case PLIST_STRING:
-        return QStringLiteral("a string");
-    case PLIST_ARRAY:
-        return QStringLiteral("an array");
-    case PLIST_DICT:
-        return QStringLiteral("a dictionary");
-    case PLIST_DATE:
-        return QStringLiteral("a date");
-    case PLIST_DATA:
-        return QStringLiteral("data");
-    case PLIST_UID:
-        return QStringLiteral("a reference");
-    default:
-        return QStringLiteral("an unknown value");
-    }
-}
-
 } // namespace
+
+qint64 QKKeyedArchiveMaxSize()
+{
+    return maxArchiveSize.load(std::memory_order_relaxed);
+}
+
+void QKKeyedArchiveUseMaxSize(qint64 bytes)
+{
+    maxArchiveSize.store(bytes > 0 ? bytes : QKKeyedArchiveDefaultMaxSize, std::memory_order_relaxed);
+}
+
+QKArchiveBytes::QKArchiveBytes(const QByteArray &bytes) : m_bytes(bytes)
+{
+    if (!m_bytes.data_ptr().isMutable()) // raw data: the caller may free it
+        m_bytes = QByteArray(bytes.constData(), bytes.size());
+    m_view = m_bytes;
+}
+
+QKArchiveBytes::QKArchiveBytes(std::unique_ptr<QFile> file, const uchar *mapped, qint64 size)
+    : m_file(std::move(file)), m_view(mapped, size)
+{}
+
+// The file's destructor unmaps it.
+QKArchiveBytes::~QKArchiveBytes() = default;
+
+bool QKArchiveBytes::isASCII(QByteArrayView text) const
+{
+#ifdef Q_OS_UNIX
+    if (m_file) {
+        char buffer[1 << 16];
+        auto offset = off_t(text.data() - m_view.data());
+        for (qsizetype left = text.size(); left > 0;) {
+            const ssize_t got = ::pread(m_file->handle(), buffer, size_t(qMin<qsizetype>(left, sizeof buffer)), offset);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0)
+                break; // the mapping is still there to look at
+            if (!QKBase64::isASCII(QByteArrayView(buffer, got)))
+                return false;
+            left -= got;
+            offset += got;
+            text = text.sliced(got);
+        }
+        if (text.isEmpty())
+            return true;
+    }
+#endif
+    return QKBase64::isASCII(text);
+}
 
 struct QKKeyedUnarchiver::Private
 {
-    std::unique_ptr<void, PlistDeleter> root;
-    plist_t objects = nullptr;
+    std::shared_ptr<const QKArchiveBytes> bytes;
+    QKBinaryPropertyList plist;
+    Object objects;
     quint64 count = 0;
     QHash<quint64, QVariant> decoded;
     QSet<quint64> decoding;
-    QList<plist_t> current; // the dictionaries of the objects being decoded
+    QList<Object> current; // the dictionaries of the objects being decoded
     int depth = 0;
     QKKeyedUnarchiver *owner = nullptr;
 
-    plist_t object(quint64 uid) const
+    explicit Private(std::shared_ptr<const QKArchiveBytes> archive) : bytes(std::move(archive)), plist(bytes->view()) {}
+
+    std::optional<Object> member(const Object &dict, QStringView key) const { return plist.member(dict, key); }
+
+    Object object(quint64 uid) const
     {
         if (uid >= count)
             malformed(QStringLiteral("reference %1 out of range (%2 objects)").arg(uid).arg(count));
-        return plist_array_get_item(objects, uint32_t(uid));
+        return plist.element(objects, uid);
     }
 
-    QList<quint64> references(plist_t dict, const char *key, quint64 uid, const QString &className)
+    QList<quint64> references(const Object &dict, QStringView key, quint64 uid, const QString &className) const
     {
-        plist_t array = member(dict, key);
-        if (!array || plist_get_node_type(array) != PLIST_ARRAY)
-            malformed(QStringLiteral("%1 object %2 has no %3 array").arg(className).arg(uid).arg(QLatin1String(key)));
-        const uint32_t n = plist_array_get_size(array);
+        const std::optional<Object> array = member(dict, key);
+        if (!array || array->type != QKBinaryPropertyList::Array)
+            malformed(QStringLiteral("%1 object %2 has no %3 array").arg(className).arg(uid).arg(key));
         QList<quint64> uids;
-        uids.reserve(n);
-        for (uint32_t i = 0; i < n; ++i) {
-            plist_t item = plist_array_get_item(array, i);
-            if (plist_get_node_type(item) != PLIST_UID)
+        uids.reserve(qsizetype(array->count));
+        for (quint64 i = 0; i < array->count; ++i) {
+            const Object item = plist.element(*array, i);
+            if (item.type != QKBinaryPropertyList::UID)
                 malformed(QStringLiteral("entry %1 of %2 in object %3 is %4, not a reference")
                               .arg(i)
-                              .arg(QLatin1String(key))
+                              .arg(key)
                               .arg(uid)
-                              .arg(describe(item)));
-            uids.append(uidValue(item));
+                              .arg(QKBinaryPropertyList::describe(item)));
+            uids.append(plist.integer(item));
         }
         return uids;
     }
@@ -135,65 +144,53 @@ struct QKKeyedUnarchiver::Private
             return *found;
         if (decoding.contains(uid))
             malformed(QStringLiteral("reference cycle through object %1").arg(uid));
-        plist_t node = object(uid);
+        const Object node = object(uid);
         QVariant value;
-        switch (plist_get_node_type(node)) {
-        case PLIST_STRING:
-            value = stringValue(node);
+        switch (node.type) {
+        case QKBinaryPropertyList::String:
+            value = plist.string(node);
             break;
-        case PLIST_BOOLEAN: {
-            uint8_t b = 0;
-            plist_get_bool_val(node, &b);
-            value = bool(b);
+        case QKBinaryPropertyList::Boolean:
+            value = node.truth;
             break;
-        }
-        case PLIST_UINT: {
-            uint64_t n = 0;
-            plist_get_uint_val(node, &n);
-            value = qint64(n);
+        case QKBinaryPropertyList::Integer:
+            value = qint64(plist.integer(node));
             break;
-        }
-        case PLIST_REAL: {
-            double r = 0;
-            plist_get_real_val(node, &r);
-            value = r;
+        case QKBinaryPropertyList::Real:
+            value = plist.real(node);
             break;
-        }
-        case PLIST_DATA: {
-            char *bytes = nullptr;
-            uint64_t length = 0;
-            plist_get_data_val(node, &bytes, &length);
-            value = QByteArray(bytes ? bytes : "", qsizetype(length));
-            free(bytes);
+        case QKBinaryPropertyList::Data:
+            value = plist.bytes(node).toByteArray();
             break;
-        }
-        case PLIST_DICT:
+        case QKBinaryPropertyList::Dictionary:
             decoding.insert(uid);
             value = decodeInstance(uid, node);
             decoding.remove(uid);
             break;
         default:
-            malformed(QStringLiteral("object %1 is %2, which no archived object can be").arg(uid).arg(describe(node)));
+            malformed(QStringLiteral("object %1 is %2, which no archived object can be")
+                          .arg(uid)
+                          .arg(QKBinaryPropertyList::describe(node)));
         }
         decoded.insert(uid, value);
         return value;
     }
 
-    QString classNameOf(quint64 uid, plist_t dict)
+    QString classNameOf(quint64 uid, const Object &dict) const
     {
-        plist_t classRef = member(dict, "$class");
-        if (!classRef || plist_get_node_type(classRef) != PLIST_UID)
+        const std::optional<Object> classRef = member(dict, u"$class");
+        if (!classRef || classRef->type != QKBinaryPropertyList::UID)
             malformed(QStringLiteral("object %1 has no $class").arg(uid));
-        plist_t record = object(uidValue(classRef));
-        if (plist_get_node_type(record) != PLIST_DICT)
+        const Object record = object(plist.integer(*classRef));
+        if (record.type != QKBinaryPropertyList::Dictionary)
             malformed(QStringLiteral("the class of object %1 is not a class record").arg(uid));
-        plist_t name = member(record, "$classname");
-        if (!name || plist_get_node_type(name) != PLIST_STRING)
+        const std::optional<Object> name = member(record, u"$classname");
+        if (!name || name->type != QKBinaryPropertyList::String)
             malformed(QStringLiteral("the class record of object %1 has no $classname").arg(uid));
-        return stringValue(name);
+        return plist.string(*name);
     }
 
-    QVariant decodeInstance(quint64 uid, plist_t dict)
+    QVariant decodeInstance(quint64 uid, const Object &dict)
     {
         const QString className = classNameOf(uid, dict);
         if (++depth > QKKeyedArchiveMaxDepth)
@@ -201,14 +198,14 @@ struct QKKeyedUnarchiver::Private
         QVariant value;
         if (className == QLatin1String("NSArray") || className == QLatin1String("NSMutableArray")) {
             QVariantList list;
-            const QList<quint64> uids = references(dict, "NS.objects", uid, className);
+            const QList<quint64> uids = references(dict, u"NS.objects", uid, className);
             list.reserve(uids.size());
             for (quint64 each : uids)
                 list.append(decodeReference(each));
             value = list;
         } else if (className == QLatin1String("NSDictionary") || className == QLatin1String("NSMutableDictionary")) {
-            const QList<quint64> keys = references(dict, "NS.keys", uid, className);
-            const QList<quint64> values = references(dict, "NS.objects", uid, className);
+            const QList<quint64> keys = references(dict, u"NS.keys", uid, className);
+            const QList<quint64> values = references(dict, u"NS.objects", uid, className);
             if (keys.size() != values.size())
                 malformed(QStringLiteral("dictionary %1 has %2 keys and %3 values")
                               .arg(uid)
@@ -223,36 +220,28 @@ struct QKKeyedUnarchiver::Private
             }
             value = map;
         } else if (className == QLatin1String("NSDate")) {
-            plist_t time = member(dict, "NS.time");
+            const std::optional<Object> time = member(dict, u"NS.time");
             double seconds = 0;
-            if (time && plist_get_node_type(time) == PLIST_REAL) {
-                plist_get_real_val(time, &seconds);
-            } else if (time && plist_get_node_type(time) == PLIST_UINT) {
-                uint64_t n = 0;
-                plist_get_uint_val(time, &n);
-                seconds = double(qint64(n));
-            } else {
+            if (time && time->type == QKBinaryPropertyList::Real)
+                seconds = plist.real(*time);
+            else if (time && time->type == QKBinaryPropertyList::Integer)
+                seconds = double(qint64(plist.integer(*time)));
+            else
                 malformed(QStringLiteral("date %1 has no NS.time").arg(uid));
-            }
-            // QDateTime spans far more than this; the bound keeps the arithmetic exact.
-            if (!std::isfinite(seconds) || std::fabs(seconds) > 1e14)
+            if (!std::isfinite(seconds) || std::fabs(seconds) > double(QKKeyedArchiveMaxDateSecs))
                 malformed(QStringLiteral("date %1 is out of range").arg(uid));
             value = QDateTime::fromMSecsSinceEpoch(
                 qint64(std::llround(seconds * 1000.0)) + QKKeyedArchiveEpochOffsetSecs * 1000, Qt::UTC);
         } else if (className == QLatin1String("NSString") || className == QLatin1String("NSMutableString")) {
-            plist_t text = member(dict, "NS.string");
-            if (!text || plist_get_node_type(text) != PLIST_STRING)
+            const std::optional<Object> text = member(dict, u"NS.string");
+            if (!text || text->type != QKBinaryPropertyList::String)
                 malformed(QStringLiteral("string %1 has no NS.string").arg(uid));
-            value = stringValue(text);
+            value = plist.string(*text);
         } else if (className == QLatin1String("NSData") || className == QLatin1String("NSMutableData")) {
-            plist_t bytes = member(dict, "NS.data");
-            if (!bytes || plist_get_node_type(bytes) != PLIST_DATA)
+            const std::optional<Object> bytes = member(dict, u"NS.data");
+            if (!bytes || bytes->type != QKBinaryPropertyList::Data)
                 malformed(QStringLiteral("data %1 has no NS.data").arg(uid));
-            char *raw = nullptr;
-            uint64_t length = 0;
-            plist_get_data_val(bytes, &raw, &length);
-            value = QByteArray(raw ? raw : "", qsizetype(length));
-            free(raw);
+            value = plist.bytes(*bytes).toByteArray();
         } else {
             Factory factory;
             {
@@ -272,17 +261,64 @@ struct QKKeyedUnarchiver::Private
         return value;
     }
 
-    plist_t field(const QString &key) const
+    std::optional<Object> field(const QString &key) const
     {
         if (current.isEmpty())
             throw QKArchiveException(QStringLiteral("decode called outside a class factory"));
-        return member(current.last(), key.toUtf8().constData());
+        return member(current.last(), key);
+    }
+
+    // The object a field refers to; nullopt when the field is absent or nil.
+    std::optional<Object> referenced(const QString &key, quint64 *uid = nullptr) const
+    {
+        const std::optional<Object> value = field(key);
+        if (!value)
+            return std::nullopt;
+        if (value->type != QKBinaryPropertyList::UID)
+            malformed(QStringLiteral("the value for key \"%1\" is %2, not an object reference")
+                          .arg(key, QKBinaryPropertyList::describe(*value)));
+        const quint64 index = plist.integer(*value);
+        if (uid)
+            *uid = index;
+        if (index == 0)
+            return std::nullopt;
+        return object(index);
+    }
+
+    QVariant decodeRoot()
+    {
+        const Object top = plist.top();
+        if (top.type != QKBinaryPropertyList::Dictionary)
+            malformed(QStringLiteral("the top level is %1, not a dictionary").arg(QKBinaryPropertyList::describe(top)));
+        const std::optional<Object> archiver = member(top, u"$archiver");
+        if (!archiver || archiver->type != QKBinaryPropertyList::String)
+            malformed(QStringLiteral("no $archiver"));
+        if (!plist.equals(*archiver, u"NSKeyedArchiver"))
+            malformed(QStringLiteral("$archiver is \"%1\", not \"NSKeyedArchiver\"").arg(plist.string(*archiver)));
+        const std::optional<Object> version = member(top, u"$version");
+        if (!version || version->type != QKBinaryPropertyList::Integer ||
+            plist.integer(*version) != QKKeyedArchiveVersion)
+            malformed(QStringLiteral("$version is not %1").arg(QKKeyedArchiveVersion));
+        const std::optional<Object> table = member(top, u"$objects");
+        if (!table || table->type != QKBinaryPropertyList::Array)
+            malformed(QStringLiteral("no $objects array"));
+        objects = *table;
+        count = objects.count;
+        if (count == 0 || !plist.equals(plist.element(objects, 0), u"$null"))
+            malformed(QStringLiteral("$objects does not start with \"$null\""));
+        const std::optional<Object> topDict = member(top, u"$top");
+        if (!topDict || topDict->type != QKBinaryPropertyList::Dictionary)
+            malformed(QStringLiteral("no $top dictionary"));
+        const std::optional<Object> root = member(*topDict, u"root");
+        if (!root || root->type != QKBinaryPropertyList::UID)
+            malformed(QStringLiteral("$top has no root reference"));
+        return decodeReference(plist.integer(*root));
     }
 };
 
-QKKeyedUnarchiver::QKKeyedUnarchiver(void *plistRoot) : d(std::make_unique<Private>())
+QKKeyedUnarchiver::QKKeyedUnarchiver(std::shared_ptr<const QKArchiveBytes> bytes)
+    : d(std::make_unique<Private>(std::move(bytes)))
 {
-    d->root.reset(plistRoot);
     d->owner = this;
 }
 
@@ -296,65 +332,27 @@ void QKKeyedUnarchiver::registerClass(const QString &className, Factory factory)
 
 QVariant QKKeyedUnarchiver::unarchivedObject(const QByteArray &data)
 {
-    if (data.size() > MaxArchiveSize)
+    if (data.size() > QKKeyedArchiveMaxSize())
         malformed(QStringLiteral("%1 bytes are more than an archive may hold").arg(data.size()));
-    QKCheckBinaryPropertyList(data);
-    plist_t parsed = nullptr;
-    plist_from_bin(data.constData(), uint32_t(data.size()), &parsed);
-    if (!parsed)
-        malformed(QStringLiteral("the property list could not be parsed"));
-    QKKeyedUnarchiver coder(parsed);
-    Private &p = *coder.d;
-
-    if (plist_get_node_type(parsed) != PLIST_DICT)
-        malformed(QStringLiteral("the top level is %1, not a dictionary").arg(describe(parsed)));
-    plist_t archiver = member(parsed, "$archiver");
-    if (!archiver || plist_get_node_type(archiver) != PLIST_STRING)
-        malformed(QStringLiteral("no $archiver"));
-    if (stringValue(archiver) != QLatin1String("NSKeyedArchiver"))
-        malformed(QStringLiteral("$archiver is \"%1\", not \"NSKeyedArchiver\"").arg(stringValue(archiver)));
-    plist_t version = member(parsed, "$version");
-    uint64_t versionValue = 0;
-    if (version && plist_get_node_type(version) == PLIST_UINT)
-        plist_get_uint_val(version, &versionValue);
-    if (versionValue != QKKeyedArchiveVersion)
-        malformed(QStringLiteral("$version is not %1").arg(QKKeyedArchiveVersion));
-    p.objects = member(parsed, "$objects");
-    if (!p.objects || plist_get_node_type(p.objects) != PLIST_ARRAY)
-        malformed(QStringLiteral("no $objects array"));
-    p.count = plist_array_get_size(p.objects);
-    if (p.count == 0 || plist_get_node_type(plist_array_get_item(p.objects, 0)) != PLIST_STRING ||
-        stringValue(plist_array_get_item(p.objects, 0)) != QLatin1String("$null"))
-        malformed(QStringLiteral("$objects does not start with \"$null\""));
-    plist_t top = member(parsed, "$top");
-    if (!top || plist_get_node_type(top) != PLIST_DICT)
-        malformed(QStringLiteral("no $top dictionary"));
-    plist_t root = member(top, "root");
-    if (!root || plist_get_node_type(root) != PLIST_UID)
-        malformed(QStringLiteral("$top has no root reference"));
-    return p.decodeReference(uidValue(root));
+    return QKKeyedUnarchiver(std::make_shared<const QKArchiveBytes>(data)).d->decodeRoot();
 }
 
 QVariant QKKeyedUnarchiver::unarchiveObjectWithFile(const QString &path)
 {
-    QFile file(path);
-    if (!file.exists())
+    auto file = std::make_unique<QFile>(path);
+    if (!file->exists())
         return QVariant();
-    if (!file.open(QIODevice::ReadOnly))
-        throw QKArchiveException(QStringLiteral("cannot read %1: %2").arg(path, file.errorString()));
-    if (file.size() > MaxArchiveSize)
-        malformed(QStringLiteral("%1 is %2 bytes, more than an archive may hold").arg(path).arg(file.size()));
-    if (file.size() == 0)
+    if (!file->open(QIODevice::ReadOnly))
+        throw QKArchiveException(QStringLiteral("cannot read %1: %2").arg(path, file->errorString()));
+    const qint64 size = file->size();
+    if (size > QKKeyedArchiveMaxSize())
+        malformed(QStringLiteral("%1 is %2 bytes, more than an archive may hold").arg(path).arg(size));
+    if (size == 0)
         malformed(QStringLiteral("%1 is empty").arg(path));
-    // Mapped rather than read: the parser copies out everything it keeps, and a copy
-    // of an archive of screenshots is hundreds of megabytes.
-    if (uchar *mapped = file.map(0, file.size())) {
-        const QVariant root =
-            unarchivedObject(QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), file.size()));
-        file.unmap(mapped);
-        return root;
-    }
-    const QByteArray data = file.readAll();
+    // Mapped rather than read: the images' text stays in the file until it is used.
+    if (const uchar *mapped = file->map(0, size))
+        return QKKeyedUnarchiver(std::make_shared<const QKArchiveBytes>(std::move(file), mapped, size)).d->decodeRoot();
+    const QByteArray data = file->readAll();
     if (data.isEmpty())
         malformed(QStringLiteral("%1 is empty").arg(path));
     return unarchivedObject(data);
@@ -362,17 +360,15 @@ QVariant QKKeyedUnarchiver::unarchiveObjectWithFile(const QString &path)
 
 bool QKKeyedUnarchiver::containsValueForKey(const QString &key) const
 {
-    return d->field(key) != nullptr;
+    return d->field(key).has_value();
 }
 
 QVariant QKKeyedUnarchiver::decodeObject(const QString &key)
 {
-    plist_t value = d->field(key);
-    if (!value)
+    quint64 uid = 0;
+    if (!d->referenced(key, &uid))
         return QVariant();
-    if (plist_get_node_type(value) != PLIST_UID)
-        malformed(QStringLiteral("the value for key \"%1\" is %2, not an object reference").arg(key, describe(value)));
-    return d->decodeReference(uidValue(value));
+    return d->decodeReference(uid);
 }
 
 void QKKeyedUnarchiver::typeMismatch(const QString &key, const QString &found)
@@ -390,22 +386,24 @@ QString QKKeyedUnarchiver::decodeString(const QString &key)
     return value.toString();
 }
 
+QKArchiveSlice QKKeyedArchiveAccess::decodeText(QKKeyedUnarchiver &coder, const QString &key)
+{
+    const std::optional<Object> node = coder.d->referenced(key);
+    if (!node)
+        return {};
+    if (node->type != QKBinaryPropertyList::String || node->utf16) {
+        // Says what else it holds, or makes the UTF-16 text bytes of its own.
+        const QByteArray text = coder.decodeString(key).toUtf8();
+        auto bytes = std::make_shared<const QKArchiveBytes>(text);
+        return {bytes, bytes->view()};
+    }
+    return {coder.d->bytes, coder.d->plist.bytes(*node)};
+}
+
 QByteArray QKKeyedUnarchiver::decodeASCIIString(const QString &key)
 {
-    plist_t value = d->field(key);
-    if (!value)
-        return QByteArray();
-    if (plist_get_node_type(value) != PLIST_UID)
-        malformed(QStringLiteral("the value for key \"%1\" is %2, not an object reference").arg(key, describe(value)));
-    const quint64 uid = uidValue(value);
-    if (uid == 0)
-        return QByteArray();
-    plist_t node = d->object(uid);
-    if (plist_get_node_type(node) != PLIST_STRING)
-        return decodeString(key).toUtf8(); // says what else it holds
-    uint64_t length = 0;
-    const char *text = plist_get_string_ptr(node, &length);
-    return QByteArray(text ? text : "", qsizetype(length));
+    const QKArchiveSlice text = QKKeyedArchiveAccess::decodeText(*this, key);
+    return text.bytes ? text.text.toByteArray() : QByteArray();
 }
 
 QDateTime QKKeyedUnarchiver::decodeDate(const QString &key)
@@ -429,30 +427,28 @@ std::optional<QVariantList> QKKeyedUnarchiver::decodeArray(const QString &key)
 }
 
 namespace {
-template <class T>
-T primitive(plist_t node, const QString &key, plist_type type, void (*get)(plist_t, T *))
+std::optional<Object> primitive(const std::optional<Object> &node, const QString &key, QKBinaryPropertyList::Type type)
 {
-    if (!node)
-        return T();
-    if (plist_get_node_type(node) != type)
-        malformed(QStringLiteral("the value for key \"%1\" is %2").arg(key, describe(node)));
-    T value{};
-    get(node, &value);
-    return value;
+    if (node && node->type != type)
+        malformed(QStringLiteral("the value for key \"%1\" is %2").arg(key, QKBinaryPropertyList::describe(*node)));
+    return node;
 }
 } // namespace
 
 bool QKKeyedUnarchiver::decodeBool(const QString &key)
 {
-    return primitive<uint8_t>(d->field(key), key, PLIST_BOOLEAN, plist_get_bool_val) != 0;
+    const auto node = primitive(d->field(key), key, QKBinaryPropertyList::Boolean);
+    return node && node->truth;
 }
 
 qint64 QKKeyedUnarchiver::decodeInt64(const QString &key)
 {
-    return qint64(primitive<uint64_t>(d->field(key), key, PLIST_UINT, plist_get_uint_val));
+    const auto node = primitive(d->field(key), key, QKBinaryPropertyList::Integer);
+    return node ? qint64(d->plist.integer(*node)) : 0;
 }
 
 double QKKeyedUnarchiver::decodeDouble(const QString &key)
 {
-    return primitive<double>(d->field(key), key, PLIST_REAL, plist_get_real_val);
+    const auto node = primitive(d->field(key), key, QKBinaryPropertyList::Real);
+    return node ? d->plist.real(*node) : 0;
 }

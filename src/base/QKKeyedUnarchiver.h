@@ -11,6 +11,8 @@
 #include <memory>
 #include <optional>
 
+class QKArchiveBytes;
+
 /// Reads keyed archives written by QKKeyedArchiver or by any NSKeyedArchiver.
 ///
 /// Values come back as QKKeyedArchiver writes them (nil as an invalid QVariant).
@@ -18,6 +20,9 @@
 /// name. The reader trusts nothing in the file: every malformed input throws
 /// QKArchiveException with a message that says what is wrong, and sizes, counts
 /// and nesting are bounded before memory is taken.
+///
+/// A file is read through a memory mapping, which objects read from it may keep
+/// (an item's image text) for as long as they live.
 class MURMORA_DATA_EXPORT QKKeyedUnarchiver
 {
 public:
@@ -73,7 +78,7 @@ public:
     ~QKKeyedUnarchiver();
 
 private:
-    explicit QKKeyedUnarchiver(void *plistRoot);
+    explicit QKKeyedUnarchiver(std::shared_ptr<const QKArchiveBytes> bytes);
     template <class T>
     QSharedPointer<T> castObject(const QVariant &value, const QString &key)
     {
@@ -87,6 +92,7 @@ private:
     }
     [[noreturn]] static void typeMismatch(const QString &key, const QString &found);
 
+    friend struct QKKeyedArchiveAccess;
     struct Private;
     std::unique_ptr<Private> d;
 };

@@ -1,6 +1,7 @@
 #include "QKFeedbackItem.h"
 
 #include "../base/QKBase64.h"
+#include "../base/QKKeyedArchive_p.h"
 #include "../base/QKKeyedArchiver.h"
 #include "../base/QKKeyedUnarchiver.h"
 #include "../base/QKPNGCodec.h"
@@ -53,7 +54,10 @@ struct QKFeedbackItem::Picture
     QImage image;
     QByteArray png;
     QByteArray base64;
-    bool base64Checked = true; // false for text read from an archive, until looked at
+    // Text read from an archive, where it lies in the archive's bytes; not copied
+    // unless handed out, and looked at once before it is written or handed out.
+    QKArchiveSlice archived;
+    bool archivedChecked = false;
     std::optional<QKPNGBands> bands;
     QImage patch;
     QPoint at;
@@ -65,10 +69,39 @@ struct QKFeedbackItem::Picture
                 png = bands->encodeWithPatch(patch, at);
             else if (!base64.isNull())
                 png = QKBase64::decodeASCIIIgnoringUnknownCharacters(base64);
+            else if (archived.bytes)
+                png = QKBase64::decodeASCIIIgnoringUnknownCharacters(archived.text);
             else if (!image.isNull())
                 png = QKPNGCodec::encode(image);
         }
         return png;
+    }
+
+    // A damaged archive may hold other bytes; Base64 readers skip them anyway, and the
+    // text goes on as ASCII wherever it is written.
+    void checkArchivedLocked()
+    {
+        if (!archived.bytes || archivedChecked)
+            return;
+        archivedChecked = true;
+        if (archived.bytes->isASCII(archived.text))
+            return;
+        base64 = archived.text.toByteArray();
+        base64.removeIf([](char c) { return uchar(c) >= 0x80; });
+        archived = {};
+    }
+
+    const QByteArray &base64Locked()
+    {
+        checkArchivedLocked();
+        if (base64.isNull() && archived.bytes) {
+            // Handed out, so it must not point into a mapping that goes with the archive.
+            base64 = archived.text.toByteArray();
+            archived = {};
+        }
+        if (base64.isNull())
+            base64 = QKBase64::encodeWithLineBreaksToASCII(pngLocked());
+        return base64;
     }
 };
 
@@ -116,17 +149,7 @@ QByteArray QKFeedbackItem::imageBase64() const
     if (!m_picture)
         return QByteArray();
     std::lock_guard lock(m_picture->mutex);
-    Picture &p = *m_picture;
-    if (p.base64.isNull())
-        p.base64 = QKBase64::encodeWithLineBreaksToASCII(p.pngLocked());
-    if (!p.base64Checked) {
-        // A damaged archive may hold other bytes; Base64 readers skip them anyway, and
-        // the text goes on as ASCII wherever it is written.
-        if (!QKBase64::isASCII(p.base64))
-            p.base64.removeIf([](char c) { return uchar(c) >= 0x80; });
-        p.base64Checked = true;
-    }
-    return p.base64;
+    return m_picture->base64Locked();
 }
 
 QString QKFeedbackItem::encodeToBase64String(const QImage &image)
@@ -155,7 +178,20 @@ void QKFeedbackItem::encodeWithCoder(QKKeyedArchiver &coder) const
     coder.encodeObject(m_text, QStringLiteral("text"));
     coder.encodeObject(m_author, QStringLiteral("author"));
     coder.encodeObject(m_state, QStringLiteral("state"));
-    coder.encodeASCIIString(imageBase64(), QStringLiteral("image"));
+    QKArchiveSlice archived;
+    QByteArray base64;
+    if (m_picture) {
+        std::lock_guard lock(m_picture->mutex);
+        m_picture->checkArchivedLocked();
+        // Text still in the archive it was read from is written from there.
+        archived = m_picture->archived;
+        if (!archived.bytes)
+            base64 = m_picture->base64Locked();
+    }
+    if (archived.bytes)
+        QKKeyedArchiveAccess::encodeText(coder, archived, QStringLiteral("image"));
+    else
+        coder.encodeASCIIString(base64, QStringLiteral("image"));
     QVariant subItems;
     if (m_subItems) {
         QVariantList list;
@@ -176,12 +212,12 @@ QKFeedbackItemPtr QKFeedbackItem::initWithCoder(QKKeyedUnarchiver &coder)
     item->m_text = coder.decodeString(QStringLiteral("text"));
     item->m_author = coder.decodeString(QStringLiteral("author"));
     item->m_state = coder.decodeString(QStringLiteral("state"));
-    // Decoded when first asked for: opening an archive of many screenshots stays quick.
-    const QByteArray image = coder.decodeASCIIString(QStringLiteral("image"));
-    if (!image.isEmpty()) {
+    // Left where it lies in the archive and decoded when first asked for: opening an
+    // archive of many screenshots costs per item, not per byte.
+    QKArchiveSlice image = QKKeyedArchiveAccess::decodeText(coder, QStringLiteral("image"));
+    if (!image.text.isEmpty()) {
         item->m_picture = std::make_shared<Picture>();
-        item->m_picture->base64 = image;
-        item->m_picture->base64Checked = false;
+        item->m_picture->archived = std::move(image);
     }
     item->m_subItems = coder.decodeArrayOfObjectsOfClass<QKFeedbackItem>(QStringLiteral("subItems"));
     return item;

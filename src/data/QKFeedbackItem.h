@@ -68,10 +68,12 @@ public:
     /// items share one screenshot, and their PNGs share its compressed bands.
     void setImage(const QKPNGBands &base, const QImage &patch, const QPoint &at);
     /// The image as PNG bytes, encoded on first use and kept; null without an image.
-    /// An image read from an archive keeps the bytes it was read from.
+    /// An image read from an archive keeps the bytes it was read from: its text stays
+    /// in the archive's file mapping, which the item holds, until it is first used.
     QByteArray imagePNG() const;
     /// imagePNG() as Base64 text in ASCII, lines of 64 characters joined by CR LF,
-    /// as archives and the service carry it; kept once made.
+    /// as archives and the service carry it; kept once made. Always an array of its
+    /// own: never one that points into an archive's mapping.
     QByteArray imageBase64() const;
     /// The image's PNG as Base64 text, lines of 64 characters joined by CR LF;
     /// a null image gives a null string.

@@ -2,6 +2,7 @@
 // both directions, and the reader's refusal of malformed files.
 
 #include "base/QKArchiveException.h"
+#include "base/QKAtomicFile.h"
 #include "base/QKBase64.h"
 #include "base/QKKeyedArchiver.h"
 #include "base/QKKeyedUnarchiver.h"
@@ -110,7 +111,7 @@ plist_t platformGraph(const QString &imageText)
         itemDict({12, 13, 0, 14, 15, 0, 0, 16}, 18),             // 11 the comment
         str("C1"),
         nsDate(d3, 5),
-        str("A comment"),
+        str("A comment ✓"), // UTF-16 in the file
         str("Ada"),
         dict({{"NS.objects", uids({})}, {"$class", uid(17)}}), // 16
         classRecord({"NSMutableArray", "NSArray", "NSObject"}),
@@ -137,7 +138,7 @@ QKFeedbackItemList platformItems(const QImage &image)
     auto comment = QKFeedbackItem::create();
     comment->setKey(QStringLiteral("C1"));
     comment->setCreatedAt(d3);
-    comment->setText(QStringLiteral("A comment"));
+    comment->setText(QStringLiteral("A comment ✓"));
     comment->setAuthor(QStringLiteral("Ada"));
     first->addSubItem(comment);
     auto second = QKFeedbackItem::create();
@@ -252,19 +253,59 @@ private slots:
         }
     }
 
+    void imagesReadFromAFileOutliveIt()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("items.plist"));
+        const QImage image = sampleImage(64, 48);
+        auto item = QKFeedbackItem::create();
+        item->setImage(image);
+        const QByteArray archive = QKKeyedArchiver::archivedData(itemList({item}));
+        QVERIFY(QKKeyedArchiver::archiveRootObject(itemList({item}), path));
+        QKFeedbackItemList back = itemsFrom(QKKeyedUnarchiver::unarchiveObjectWithFile(path));
+        QCOMPARE(back.size(), 1);
+        // Saved over the file it was read from (the text written from the old file), then gone.
+        QVERIFY(QKKeyedArchiver::archiveRootObject(itemList(back), path));
+        QFile saved(path);
+        QVERIFY(saved.open(QIODevice::ReadOnly));
+        QCOMPARE(saved.readAll(), archive);
+        QVERIFY(saved.remove());
+        QCOMPARE(back.first()->image().convertToFormat(QImage::Format_ARGB32), image);
+        const QByteArray base64 = back.first()->imageBase64();
+        back.clear(); // the last holder of the old file
+        QCOMPARE(base64, item->imageBase64());
+    }
+
+    void damagedImageTextIsWrittenBackAsASCII_data()
+    {
+        QTest::addColumn<bool>("fromFile");
+        QTest::newRow("in memory") << false;
+        QTest::newRow("from a file") << true;
+    }
+
     void damagedImageTextIsWrittenBackAsASCII()
     {
-        const QImage image = sampleImage(120, 90);
+        QFETCH(bool, fromFile);
+        QImage image(160, 160, QImage::Format_ARGB32); // noise, so that its text is long
+        QRandomGenerator(7).fillRange(reinterpret_cast<quint32 *>(image.bits()), image.sizeInBytes() / 4);
         auto item = QKFeedbackItem::create();
         item->setImage(image);
         QByteArray archive = QKKeyedArchiver::archivedData(coded(item));
-        // A line break's CR turned into a byte of another alphabet, same length.
-        const qsizetype at = archive.indexOf("\r\n");
-        QVERIFY(at > 0);
+        // A line break's CR turned into a byte of another alphabet, same length; late
+        // in the text, past what a file is read in at once.
+        const qsizetype at = archive.lastIndexOf("\r\n");
+        QVERIFY(at > 100000);
         archive[at] = char(0xE9);
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("items.plist"));
+        QVERIFY(QKAtomicFile::write(path, archive));
         const auto back =
-            QKKeyedUnarchiver::unarchivedObject(archive).value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
+            (fromFile ? QKKeyedUnarchiver::unarchiveObjectWithFile(path) : QKKeyedUnarchiver::unarchivedObject(archive))
+                .value<QKCodingPtr>()
+                .dynamicCast<QKFeedbackItem>();
         QVERIFY(back);
+        // Written back (before anything else looked at it) one byte shorter.
+        QCOMPARE(QKKeyedArchiver::archivedData(coded(back)).size(), archive.size() - 1);
         QVERIFY(QKBase64::isASCII(back->imageBase64()));
         QCOMPARE(back->image().convertToFormat(QImage::Format_ARGB32), image);
         const auto again = QKKeyedUnarchiver::unarchivedObject(QKKeyedArchiver::archivedData(coded(back)))
@@ -325,6 +366,7 @@ private slots:
         QCOMPARE(comment->key(), QStringLiteral("C1"));
         QCOMPARE(comment->createdAt(), d3);
         QCOMPARE(comment->author(), QStringLiteral("Ada"));
+        QCOMPARE(comment->text(), QStringLiteral("A comment ✓"));
         QVERIFY(comment->state().isNull());
         QVERIFY(comment->image().isNull());
         QCOMPARE(comment->subItems()->size(), 0);
@@ -395,11 +437,11 @@ private slots:
             deep.add(RawBinaryPlist::arrayOf({i + 1}));
         deep.add(RawBinaryPlist::ascii("leaf"));
         QTest::newRow("deep nesting") << deep.build() << "nesting deeper";
-        RawBinaryPlist laughs; // each level holds the next one ten times
-        for (int i = 0; i < 12; ++i)
-            laughs.add(RawBinaryPlist::arrayOf(QList<int>(10, i + 1)));
-        laughs.add(RawBinaryPlist::ascii("lol"));
-        QTest::newRow("expansion") << laughs.build() << "expand";
+        RawBinaryPlist numberKey;
+        numberKey.add(QByteArray("\xD1\x01\x02", 3));
+        numberKey.add(QByteArray("\x10\x07", 2));
+        numberKey.add(RawBinaryPlist::ascii("x"));
+        QTest::newRow("key not a string") << numberKey.build() << "key that is not a string";
         RawBinaryPlist bigCount;
         bigCount.add(QByteArray("\xAF\x12\x7F\xFF\xFF\xFF", 6));
         QTest::newRow("absurd count") << bigCount.build() << "claims";
