@@ -13,7 +13,8 @@ class QFile;
 class QKKeyedArchiver;
 class QKKeyedUnarchiver;
 
-// What the archiver and the unarchiver agree on.
+// What the archiver and the unarchiver agree on. The writer refuses whatever the
+// reader would refuse, so a save never leaves a file that cannot be opened again.
 
 inline constexpr quint64 QKKeyedArchiveVersion = 100000;
 // Object nesting either side accepts; records nest a handful of levels.
@@ -44,6 +45,13 @@ inline QStringList QKKeyedArchiveMutableArrayChain()
 inline QStringList QKKeyedArchiveMutableDictionaryChain()
 {
     return {QStringLiteral("NSMutableDictionary"), QStringLiteral("NSDictionary"), QStringLiteral("NSObject")};
+}
+
+// Keys of a coded object that start with '$' would meet the archive's own ("$class");
+// they get one more '$', as the platform's archiver does.
+inline QString QKKeyedArchiveEscapedKey(const QString &key)
+{
+    return key.startsWith(QLatin1Char('$')) ? QLatin1Char('$') + key : key;
 }
 
 // The bytes an archive is read from: a file's mapping, or an array of its own when

@@ -7,6 +7,7 @@
 #include <QDateTime>
 #include <QList>
 #include <QSet>
+#include <QtNumeric>
 
 #include "QKBinaryPropertyListWriter_p.h"
 
@@ -151,6 +152,12 @@ struct QKKeyedArchiver::Private
             if (!date.isValid())
                 return 0;
             const qint64 msecs = date.toMSecsSinceEpoch();
+            // Milliseconds from the archive's epoch, within what the reader takes.
+            qint64 sinceEpoch = 0;
+            if (qSubOverflow(msecs, QKKeyedArchiveEpochOffsetSecs * 1000, &sinceEpoch) ||
+                sinceEpoch > QKKeyedArchiveMaxDateSecs * 1000 || sinceEpoch < -QKKeyedArchiveMaxDateSecs * 1000)
+                throw QKArchiveException(
+                    QStringLiteral("cannot archive a date out of range (%1 ms since 1970)").arg(msecs));
             if (auto found = dates.constFind(msecs); found != dates.constEnd())
                 return *found;
             const quint64 uid = collection({QStringLiteral("NSDate"), QStringLiteral("NSObject")}, [&] {
@@ -212,11 +219,12 @@ struct QKKeyedArchiver::Private
         if (containers.isEmpty())
             throw QKArchiveException(QStringLiteral("encode called outside encodeWithCoder"));
         QKPlistNode &object = containers.last();
+        const QString escaped = QKKeyedArchiveEscapedKey(key);
         // A key written twice keeps its last value, as a dictionary does.
-        if (const qsizetype at = object.keys.indexOf(key); at >= 0)
+        if (const qsizetype at = object.keys.indexOf(escaped); at >= 0)
             object.values[at] = std::move(item);
         else
-            object.insert(key, std::move(item));
+            object.insert(escaped, std::move(item));
     }
 
     // The archive's top-level dictionary around the finished object table.
@@ -233,7 +241,15 @@ struct QKKeyedArchiver::Private
         QKPlistNode table = QKPlistNode::array();
         table.values = std::move(objects);
         archive.insert(QStringLiteral("$objects"), std::move(table));
-        return QKWriteBinaryPropertyList(archive);
+        QList<QByteArray> written = QKWriteBinaryPropertyList(archive);
+        qint64 size = 0;
+        for (const QByteArray &piece : std::as_const(written))
+            size += piece.size();
+        if (size > QKKeyedArchiveMaxSize())
+            throw QKArchiveException(QStringLiteral("the archive would be %1 bytes, more than an archive may hold (%2)")
+                                         .arg(size)
+                                         .arg(QKKeyedArchiveMaxSize()));
+        return written;
     }
 
     QKKeyedArchiver *owner = nullptr;

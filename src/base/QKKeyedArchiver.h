@@ -25,10 +25,12 @@ class MURMORA_DATA_EXPORT QKKeyedArchiver
 {
 public:
     /// Throws QKArchiveException for a value it cannot archive (another QVariant
-    /// type, a reference cycle, nesting deeper than 256 objects).
+    /// type, a reference cycle, nesting deeper than 256 objects, a date more than
+    /// 10^14 seconds from 2001) or an archive larger than QKKeyedUnarchiver reads (2 GiB).
     static QByteArray archivedData(const QVariant &root);
     /// Archives `root` and replaces the file at `path` with it (QKAtomicFile).
-    /// False, with the reason in `errorString`, when it cannot be archived or written.
+    /// False, with the reason in `errorString`, when it cannot be archived or written;
+    /// the old file is then left as it was.
     static bool archiveRootObject(const QVariant &root, const QString &path, QString *errorString = nullptr);
 
     /// Called from QKCoding::encodeWithCoder: each writes one field of the object

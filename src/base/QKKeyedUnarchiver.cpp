@@ -265,7 +265,7 @@ struct QKKeyedUnarchiver::Private
     {
         if (current.isEmpty())
             throw QKArchiveException(QStringLiteral("decode called outside a class factory"));
-        return member(current.last(), key);
+        return member(current.last(), QKKeyedArchiveEscapedKey(key));
     }
 
     // The object a field refers to; nullopt when the field is absent or nil.

@@ -1,5 +1,6 @@
 #include "QKFeedbackItem.h"
 
+#include "../base/QKArchiveException.h"
 #include "../base/QKBase64.h"
 #include "../base/QKKeyedArchive_p.h"
 #include "../base/QKKeyedArchiver.h"
@@ -196,8 +197,12 @@ void QKFeedbackItem::encodeWithCoder(QKKeyedArchiver &coder) const
     if (m_subItems) {
         QVariantList list;
         list.reserve(m_subItems->size());
-        for (const QKFeedbackItemPtr &item : *m_subItems)
+        for (const QKFeedbackItemPtr &item : *m_subItems) {
+            // The reader refuses a nil sub-item; so does the writer, before the file is touched.
+            if (!item)
+                throw QKArchiveException(QStringLiteral("cannot archive a nil sub-item of item %1").arg(m_key));
             list.append(QVariant::fromValue(item.staticCast<QKCoding>()));
+        }
         subItems = list;
     }
     coder.encodeObject(subItems, QStringLiteral("subItems"));

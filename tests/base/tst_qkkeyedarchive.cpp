@@ -1,6 +1,7 @@
 // The keyed archive's value model: what round-trips, what is shared, what is refused.
 
 #include "base/QKArchiveException.h"
+#include "base/QKKeyedArchive_p.h"
 #include "base/QKKeyedArchiver.h"
 #include "base/QKKeyedUnarchiver.h"
 
@@ -21,11 +22,13 @@ public:
     qint64 count = 0;
     bool flag = false;
     bool hasAbsent = true;
+    QString reserved; // read from a key that the archive's own keys could clash with
 
     QStringList archiveClassChain() const override { return {QStringLiteral("TestNode"), QStringLiteral("NSObject")}; }
     void encodeWithCoder(QKKeyedArchiver &coder) const override
     {
         coder.encodeObject(name, QStringLiteral("name"));
+        coder.encodeObject(name, QStringLiteral("$class"));
         QVariantList list;
         for (const auto &child : children)
             list.append(QVariant::fromValue(child.staticCast<QKCoding>()));
@@ -74,6 +77,7 @@ private slots:
             node->count = coder.decodeInt64(QStringLiteral("count"));
             node->flag = coder.decodeBool(QStringLiteral("flag"));
             node->hasAbsent = coder.containsValueForKey(QStringLiteral("absent"));
+            node->reserved = coder.decodeString(QStringLiteral("$class"));
             return node;
         });
     }
@@ -125,6 +129,7 @@ private slots:
         QCOMPARE(back->children.size(), 2);
         QCOMPARE(back->children[0], back->children[1]); // one object, read once
         QCOMPARE(back->children[0]->name, QStringLiteral("leaf"));
+        QCOMPARE(back->reserved, QStringLiteral("leaf"));
         QCOMPARE(back->weight, 2.5);
         QCOMPARE(back->count, -7);
         QVERIFY(back->flag);
@@ -143,10 +148,37 @@ private slots:
         for (int i = 0; i < 300; ++i)
             deep = QVariantList{deep};
         QVERIFY_THROWS_EXCEPTION(QKArchiveException, QKKeyedArchiver::archivedData(deep));
+        // Dates the reader would refuse as out of range.
+        for (const QDateTime &date : {QDateTime(QDate(9999999, 1, 1), QTime(0, 0), Qt::UTC),
+                                      QDateTime::fromMSecsSinceEpoch(std::numeric_limits<qint64>::min(), Qt::UTC)})
+            QVERIFY_THROWS_EXCEPTION(QKArchiveException, QKKeyedArchiver::archivedData(date));
         QString error;
         QVERIFY(!QKKeyedArchiver::archiveRootObject(QVariant(QPointF()), QStringLiteral("/tmp/never-written"), &error));
         QVERIFY(error.contains(QStringLiteral("QPointF")));
         QVERIFY(!QFile::exists(QStringLiteral("/tmp/never-written")));
+    }
+
+    void sizeLimitHoldsBothWays()
+    {
+        const auto restore = qScopeGuard([] { QKKeyedArchiveUseMaxSize(0); });
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("a.plist"));
+        const QVariant value = QVariantList{QString(300, QLatin1Char('x'))};
+        const QByteArray data = QKKeyedArchiver::archivedData(value);
+        QVERIFY(QKKeyedArchiver::archiveRootObject(QStringLiteral("old"), path));
+        QKKeyedArchiveUseMaxSize(data.size() - 1);
+        QString error;
+        QVERIFY(!QKKeyedArchiver::archiveRootObject(value, path, &error));
+        QVERIFY2(error.contains(QStringLiteral("more than an archive may hold")), qPrintable(error));
+        QCOMPARE(QKKeyedUnarchiver::unarchiveObjectWithFile(path), QVariant(QStringLiteral("old")));
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("a.plist")});
+        QVERIFY_THROWS_EXCEPTION(QKArchiveException, QKKeyedUnarchiver::unarchivedObject(data));
+
+        QKKeyedArchiveUseMaxSize(data.size());
+        QVERIFY(QKKeyedArchiver::archiveRootObject(value, path));
+        QCOMPARE(QKKeyedUnarchiver::unarchiveObjectWithFile(path), value);
+        QKKeyedArchiveUseMaxSize(data.size() - 1);
+        QVERIFY_THROWS_EXCEPTION(QKArchiveException, QKKeyedUnarchiver::unarchiveObjectWithFile(path));
     }
 };
 

@@ -329,6 +329,9 @@ private slots:
         QVERIFY(!item->subItems().has_value());
         // And nil sub-items are archived as nil.
         QVERIFY(!roundTrip(item)->subItems().has_value());
+        // A nil sub-item would make a file that the reader refuses.
+        item->subItems() = QKFeedbackItemList{QKFeedbackItemPtr()};
+        QVERIFY_THROWS_EXCEPTION(QKArchiveException, QKKeyedArchiver::archivedData(coded(item)));
     }
 
     void commentRoundTrip()
