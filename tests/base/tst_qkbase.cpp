@@ -2,12 +2,10 @@
 #include "base/QKBase64.h"
 #include "base/QKDispatch.h"
 #include "base/QKDocumentsDirectory.h"
-#include "base/QKPNGCodec.h"
 
 #include <QDir>
 #include <QTemporaryDir>
 #include <QThread>
-#include <QtEndian>
 #include <QtTest>
 
 #include <atomic>
@@ -16,51 +14,12 @@
 #include <unistd.h>
 
 namespace {
-const QByteArray PNGSignature("\x89PNG\r\n\x1a\n", 8);
-
 QByteArray sampleBytes(int size)
 {
     QByteArray bytes(size, Qt::Uninitialized);
     for (int i = 0; i < size; ++i)
         bytes[i] = char((i * 131 + 7) ^ (i >> 3));
     return bytes;
-}
-
-QImage sampleImage(QSize size, QImage::Format format)
-{
-    QImage image(size, format);
-    for (int y = 0; y < size.height(); ++y)
-        for (int x = 0; x < size.width(); ++x)
-            image.setPixel(x, y, qRgba(x * 19 % 256, y * 37 % 256, (x + y) * 11 % 256, (x * y * 7) % 255 + 1));
-    return image;
-}
-
-QByteArray bigEndian(quint32 value)
-{
-    QByteArray bytes(4, '\0');
-    qToBigEndian(value, bytes.data());
-    return bytes;
-}
-
-// A PNG chunk: length, type, data and the CRC-32 of type and data.
-QByteArray pngChunk(const char *type, const QByteArray &data)
-{
-    const QByteArray body = QByteArray(type) + data;
-    quint32 crc = 0xFFFFFFFFu;
-    for (const char byte : body) {
-        crc ^= quint8(byte);
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return bigEndian(quint32(data.size())) + body + bigEndian(~crc);
-}
-
-// An 8-bit RGBA PNG declaring `width` x `height` whose pixel data is one opaque red pixel.
-QByteArray handMadePNG(quint32 width, quint32 height)
-{
-    const QByteArray header = bigEndian(width) + bigEndian(height) + QByteArray("\x08\x06\x00\x00\x00", 5);
-    return PNGSignature + pngChunk("IHDR", header) +
-           pngChunk("IDAT", qCompress(QByteArray("\x00\xff\x00\x00\xff", 5)).mid(4)) + pngChunk("IEND", {});
 }
 
 QStringList entries(const QString &path)
@@ -136,61 +95,6 @@ private slots:
         const QByteArray decoded = QKBase64::decodeIgnoringUnknownCharacters(text);
         QCOMPARE(decoded.isNull(), bytes.isNull());
         QCOMPARE(decoded, bytes);
-    }
-
-    void pngRoundTrip_data()
-    {
-        QTest::addColumn<QImage::Format>("format");
-        QTest::addColumn<QSize>("size");
-        QTest::addColumn<qreal>("ratio");
-        QTest::newRow("ARGB32 with alpha") << QImage::Format_ARGB32 << QSize(40, 30) << 1.0;
-        QTest::newRow("RGB32 opaque") << QImage::Format_RGB32 << QSize(32, 32) << 1.0;
-        QTest::newRow("1x1") << QImage::Format_ARGB32 << QSize(1, 1) << 1.0;
-        QTest::newRow("13x7, ratio 3") << QImage::Format_ARGB32 << QSize(13, 7) << 3.0;
-        QTest::newRow("1x5000 opaque") << QImage::Format_RGB32 << QSize(1, 5000) << 1.0;
-        QTest::newRow("4097x3 with alpha") << QImage::Format_ARGB32 << QSize(4097, 3) << 1.0;
-    }
-    void pngRoundTrip()
-    {
-        QFETCH(QImage::Format, format);
-        QFETCH(QSize, size);
-        QFETCH(qreal, ratio);
-        QImage image = sampleImage(size, format);
-        image.setDevicePixelRatio(ratio);
-        const QByteArray png = QKPNGCodec::encode(image);
-        QVERIFY(png.startsWith(PNGSignature));
-        const QImage decoded = QKPNGCodec::decode(png);
-        QCOMPARE(decoded.size(), size);
-        QCOMPARE(decoded.devicePixelRatio(), 1.0);
-        image.setDevicePixelRatio(1.0);
-        QCOMPARE(decoded.convertToFormat(QImage::Format_ARGB32), image.convertToFormat(QImage::Format_ARGB32));
-        QVERIFY(QKPNGCodec::encode(QImage()).isNull());
-    }
-
-    void pngDecode_data()
-    {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QSize>("size"); // invalid: a null image
-        QTest::addColumn<QString>("warning");
-        const QByteArray png = QKPNGCodec::encode(sampleImage(QSize(64, 64), QImage::Format_RGB32));
-        QTest::newRow("empty") << QByteArray() << QSize() << QString();
-        QTest::newRow("garbage") << sampleBytes(500) << QSize() << QString();
-        QTest::newRow("truncated") << png.left(png.size() / 2) << QSize() << QString();
-        QTest::newRow("hand-made 1x1") << handMadePNG(1, 1) << QSize(1, 1) << QString();
-        // Refused from the header, before the pixels' memory is taken.
-        QTest::newRow("declares 100000x100000") << handMadePNG(100000, 100000) << QSize() << "allocation limit";
-    }
-    void pngDecode()
-    {
-        QFETCH(QByteArray, bytes);
-        QFETCH(QSize, size);
-        QFETCH(QString, warning);
-        if (!warning.isEmpty())
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(warning));
-        const QImage image = QKPNGCodec::decode(bytes);
-        QCOMPARE(image.size(), size.isValid() ? size : QSize(0, 0));
-        if (size.isValid())
-            QCOMPARE(image.pixel(0, 0), qRgba(255, 0, 0, 255));
     }
 
     void atomicWrite_data()

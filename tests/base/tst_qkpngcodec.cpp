@@ -132,6 +132,13 @@ private slots:
         QVERIFY(QKPNGCodec::encode(QImage()).isNull());
     }
 
+    void undecodableBytesGiveNoImage()
+    {
+        const QByteArray png = QKPNGCodec::encode(randomImage(QSize(64, 64), QImage::Format_RGB32, 41));
+        for (const QByteArray &bytes : {QByteArray(), png.mid(8), png.left(png.size() / 2)})
+            QVERIFY(QKPNGCodec::decode(bytes).isNull());
+    }
+
     void patchedBands_data()
     {
         QTest::addColumn<QRect>("patch"); // where the patch goes, in pixels

@@ -9,7 +9,6 @@
 #include "support/CompletionOutcome.h"
 #include "support/FakeService.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QTcpServer>
 #include <QtTest>
@@ -23,7 +22,6 @@ using Source = QKPlatformFeedbackSource;
 #define WAIT_FOR(outcome)                                                                                              \
     do {                                                                                                               \
         QTRY_VERIFY_WITH_TIMEOUT((outcome).done(), 20000);                                                             \
-        QTest::qWait(20); /* a second completion would show here */                                                    \
         QCOMPARE((outcome).calls, 1);                                                                                  \
         QVERIFY((outcome).thread != qApp->thread());                                                                   \
     } while (false)
@@ -86,8 +84,8 @@ class TestPlatformFeedbackSource : public QObject
 
     const QString collection = QStringLiteral("/feedback/api/v1/KEY/threads");
 
-    // Starts `op` on `s`; the comment it sends (if any) is returned.
-    QKFeedbackItemPtr start(Op op, Source &s, Outcome &outcome, const QString &imageAddress = QString())
+    // Starts `op` on `s` for thread `key`; the comment it sends (if any) is returned.
+    QKFeedbackItemPtr start(Op op, Source &s, Outcome &outcome, const QString &key = QStringLiteral("K1"))
     {
         auto item = QKFeedbackItem::create();
         item->setText(QStringLiteral("text"));
@@ -99,20 +97,19 @@ class TestPlatformFeedbackSource : public QObject
             s.addFeedback(item, outcome.error_());
             break;
         case Op::Edit:
-            s.editWithKey(QStringLiteral("K1"), QStringLiteral("Resolved"), outcome.error_());
+            s.editWithKey(key, QStringLiteral("Resolved"), outcome.error_());
             break;
         case Op::Delete:
-            s.deleteWithKey(QStringLiteral("K1"), outcome.error_());
+            s.deleteWithKey(key, outcome.error_());
             break;
         case Op::Image:
-            s.imageForKey(imageAddress.isNull() ? s.baseURL() + QStringLiteral("/x.png") : imageAddress,
-                          outcome.image_());
+            s.imageForKey(s.baseURL() + QStringLiteral("/x.png"), outcome.image_());
             break;
         case Op::Comments:
-            s.subItemsForKey(QStringLiteral("K1"), outcome.items_());
+            s.subItemsForKey(key, outcome.items_());
             break;
         case Op::Comment:
-            s.addSubItemForKey(QStringLiteral("K1"), item, outcome.error_());
+            s.addSubItemForKey(key, item, outcome.error_());
             break;
         }
         return item;
@@ -135,18 +132,12 @@ private slots:
         m_service.clearAnswers();
     }
 
-    void setUp()
+    void defaults()
     {
-        Source plain;
-        QCOMPARE(plain.baseURL(), Source::defaultBaseURL());
-        QVERIFY(plain.baseURL().endsWith(QStringLiteral("/feedback/api/v1")));
-        QVERIFY(plain.apiKey().isNull() && plain.UID().isNull() && plain.userName().isNull());
-        Source keyed(QStringLiteral("K"));
-        QCOMPARE(keyed.apiKey(), QStringLiteral("K"));
-        QVERIFY(keyed.UID().isNull());
-        Source full(QStringLiteral("K"), QStringLiteral("U"), QString(), {{QStringLiteral("a"), 1}});
+        QCOMPARE(Source().baseURL(), QStringLiteral("https://platform.wendax.com/feedback/api/v1"));
+        Source full(QStringLiteral("K"), QStringLiteral("U"), QString(), {});
         QVERIFY(full.baseURL().isNull()); // no fall-back to the default
-        QCOMPARE(full.parameters().value(QStringLiteral("a")).toInt(), 1);
+        QCOMPARE(full.session(), QKURLSession::sharedSession());
         QVERIFY(full.implements(QKFeedbackDataSource::Operation::AddSubItemForKey));
         QVERIFY(!full.implements(QKFeedbackDataSource::Operation::UserEmail));
     }
@@ -168,40 +159,44 @@ private slots:
         QVERIFY_THROWS_EXCEPTION(QKException, s->addFeedbackItems({QKFeedbackItem::create()}, outcome.error_()));
         auto textless = source();
         QVERIFY_THROWS_EXCEPTION(QKException, textless->addFeedback(QKFeedbackItem::create(), outcome.error_()));
-        QTest::qWait(50);
-        QCOMPARE(outcome.calls, 0);
-        QCOMPARE(m_service.requests().size(), 0);
-        // An empty UID is a UID.
+        // An empty UID is a UID: its listing is the one request sent and the one call made.
         auto empty = source(QStringLiteral(""));
         start(Op::List, *empty, outcome);
         WAIT_FOR(outcome);
+        QCOMPARE(m_service.requests().size(), 1);
     }
 
     void listingRequest_data()
     {
+        QTest::addColumn<QString>("apiKey");
         QTest::addColumn<QString>("state");
         QTest::addColumn<qint64>("skip");
+        QTest::addColumn<QByteArray>("target");
         QTest::addColumn<QByteArray>("filter");
         QTest::addColumn<QByteArray>("skipHeader");
-        QTest::newRow("all") << QString() << qint64(0)
-                             << QByteArray("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"device-1\"}]}")
-                             << QByteArray("0");
+        const QByteArray all = "{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"device-1\"}]}";
+        QTest::newRow("all") << "KEY" << QString() << qint64(0) << collection.toUtf8() << all << QByteArray("0");
         QTest::newRow("open, page 2")
-            << QStringLiteral("Open") << qint64(20)
+            << "KEY" << QStringLiteral("Open") << qint64(20) << collection.toUtf8()
             << QByteArray("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"device-1\"}, {\"State\" : \"Open\"}]}")
             << QByteArray("20");
         QTest::newRow("resolved, negative")
-            << QStringLiteral("Resolved") << qint64(-1)
+            << "KEY" << QStringLiteral("Resolved") << qint64(-1) << collection.toUtf8()
             << QByteArray("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"device-1\"}, {\"State\" : \"Resolved\"}]}")
             << QByteArray("-1");
+        // The platform prints a nil object as "(null)".
+        QTest::newRow("nil application key") << QString() << QString() << qint64(0)
+                                             << QByteArray("/feedback/api/v1/(null)/threads") << all << QByteArray("0");
     }
     void listingRequest()
     {
+        QFETCH(QString, apiKey);
         QFETCH(QString, state);
         QFETCH(qint64, skip);
         QFETCH(QByteArray, filter);
         QFETCH(QByteArray, skipHeader);
         auto s = source();
+        s->setApiKey(apiKey);
         Outcome outcome;
         s->feedbackItemsByState(state, skip, outcome.items_());
         WAIT_FOR(outcome);
@@ -209,7 +204,7 @@ private slots:
         QCOMPARE(m_service.requests().size(), 1);
         const RecordedRequest r = m_service.requests().first();
         QCOMPARE(r.method, QByteArray("GET"));
-        QCOMPARE(r.target, collection.toUtf8());
+        QTEST(r.target, "target");
         QCOMPARE(r.header("x-sort-meta"), QByteArray("{\"CreatedAt\" : -1}"));
         QCOMPARE(r.header("x-filter-meta"), filter);
         QCOMPARE(r.header("x-skip-meta"), skipHeader);
@@ -220,28 +215,21 @@ private slots:
     void listingMapsThreads()
     {
         const QString key = QStringLiteral("MAPKEY");
-        const QJsonObject older = m_service.addThread(
-            key,
-            QJsonObject{{QStringLiteral("Uid"), QStringLiteral("device-1")},
-                        {QStringLiteral("Text"), QStringLiteral("older")},
-                        {QStringLiteral("Author"), QStringLiteral("Ada")},
-                        {QStringLiteral("State"), QStringLiteral("Resolved")},
-                        {QStringLiteral("Image"), QJsonObject{{QStringLiteral("Filename"), QStringLiteral("n.png")}}},
-                        {QStringLiteral("CreatedAt"), QStringLiteral("2026-03-04T05:06:07.089+0000")},
-                        {QStringLiteral("ModifiedAt"), QStringLiteral("2026-03-04T05:06:07+0000")}});
-        const QJsonObject newer = m_service.addThread(
-            key, QJsonObject{
-                     {QStringLiteral("Uid"), QStringLiteral("device-1")},
-                     {QStringLiteral("Text"), QStringLiteral("newer")},
-                     {QStringLiteral("Author"), QJsonValue()},
-                     {QStringLiteral("Image"), QJsonObject{{QStringLiteral("Uri"), QStringLiteral("https://x/1.png")}}},
-                     {QStringLiteral("CommentsCount"), 3},
-                     {QStringLiteral("CreatedAt"), QStringLiteral("2026-05-06T07:08:09.010-0230")}});
-        m_service.addThread(key, QJsonObject{{QStringLiteral("Uid"), QStringLiteral("device-2")},
-                                             {QStringLiteral("Text"), QStringLiteral("someone else's")}});
-        m_service.addThread(key, QJsonObject{{QStringLiteral("Uid"), QStringLiteral("device-1")},
-                                             {QStringLiteral("RootId"), older.value(QStringLiteral("Id"))},
-                                             {QStringLiteral("Text"), QStringLiteral("a comment")}});
+        const QJsonObject older = m_service.addThread(key, {{"Uid", "device-1"},
+                                                            {"Text", "older"},
+                                                            {"Author", "Ada"},
+                                                            {"State", "Resolved"},
+                                                            {"Image", QJsonObject{{"Filename", "n.png"}}},
+                                                            {"CreatedAt", "2026-03-04T05:06:07.089+0000"},
+                                                            {"ModifiedAt", "2026-03-04T05:06:07+0000"}});
+        const QJsonObject newer = m_service.addThread(key, {{"Uid", "device-1"},
+                                                            {"Text", "newer"},
+                                                            {"Author", QJsonValue()},
+                                                            {"Image", QJsonObject{{"Uri", "https://x/1.png"}}},
+                                                            {"CommentsCount", 3},
+                                                            {"CreatedAt", "2026-05-06T07:08:09.010-0230"}});
+        m_service.addThread(key, {{"Uid", "device-2"}, {"Text", "someone else's"}});
+        m_service.addThread(key, {{"Uid", "device-1"}, {"RootId", older.value("Id")}, {"Text", "a comment"}});
         auto s = source();
         s->setApiKey(key);
         Outcome outcome;
@@ -286,20 +274,16 @@ private slots:
             << Op::List << 200 << QByteArray("{\"code\": 4294967297, \"message\": \"m\"}") << qint64(1) << "m";
         QTest::newRow("list: no message")
             << Op::List << 200 << QByteArray("{\"code\": 9}") << qint64(9) << "Feedback could not be retrieved";
-        QTest::newRow("list: HTML") << Op::List << 500 << QByteArray("<html>oops</html>") << qint64(0) << QString();
         QTest::newRow("list: object without code")
             << Op::List << 200 << QByteArray("{\"a\": 1}") << qint64(0) << QString();
         QTest::newRow("list: null code") << Op::List << 200 << QByteArray("{\"code\": null}") << qint64(0) << QString();
         QTest::newRow("send: service error") << Op::Send << 200 << error107 << qint64(107) << "Invalid key";
-        QTest::newRow("send: not JSON") << Op::Send << 502 << QByteArray("Bad gateway") << qint64(0) << QString();
         QTest::newRow("edit: service error") << Op::Edit << 200 << error107 << qint64(107) << "Invalid key";
         QTest::newRow("edit: not JSON") << Op::Edit << 200 << QByteArray("ok") << qint64(0) << QString();
         QTest::newRow("delete: service error") << Op::Delete << 200 << error107 << qint64(107) << "Invalid key";
         QTest::newRow("delete: not JSON") << Op::Delete << 200 << QByteArray() << qint64(0) << QString();
         QTest::newRow("comments: service error") << Op::Comments << 200 << error107 << qint64(107) << "Invalid key";
-        QTest::newRow("comments: not JSON") << Op::Comments << 200 << QByteArray("[") << qint64(0) << QString();
         QTest::newRow("comment: service error") << Op::Comment << 200 << error107 << qint64(107) << "Invalid key";
-        QTest::newRow("comment: not JSON") << Op::Comment << 200 << QByteArray("x") << qint64(0) << QString();
         QTest::newRow("image: JSON error is not looked at") << Op::Image << 200 << error107 << qint64(0) << QString();
     }
     void answers()
@@ -315,14 +299,12 @@ private slots:
         m_service.answer(QByteArray(), QStringLiteral(".*"), answer);
         auto s = source();
         Outcome outcome;
-        const auto comment = start(op, *s, outcome);
+        start(op, *s, outcome);
         WAIT_FOR(outcome);
         if (code == 0) {
             QVERIFY2(!outcome.error, qPrintable(outcome.error ? outcome.error->message() : QString()));
-            if (op == Op::List || op == Op::Comments)
+            if (op == Op::List)
                 QVERIFY(outcome.items && outcome.items->isEmpty());
-            if (op == Op::Comment) // a non-JSON answer clears what the comment had
-                QVERIFY(comment->text().isNull() && comment->key().isNull());
             if (op == Op::Image)
                 QVERIFY(outcome.image.isNull());
         } else {
@@ -355,88 +337,32 @@ private slots:
         QCOMPARE(outcome.error, platformError(-1004, message));
     }
 
+    // The configured defaults, read rather than waited out.
+    void sessionDefaults()
+    {
+        for (const auto &session : {QSharedPointer<QKURLSession>::create(), QKURLSession::sharedSession()}) {
+            QCOMPARE(session->timeoutInterval(), 60000);
+            QCOMPARE(session->maximumResponseSize(), qint64(64) << 20);
+        }
+    }
+
     void transportErrorCodes()
     {
         // An untrusted certificate, with a session that trusts only the system's CAs.
         FakeService untrusted(FakeService::Certificate::Untrusted);
         QVERIFY(untrusted.listen());
-        {
-            Source s(QStringLiteral("KEY"), QStringLiteral("d"), untrusted.baseUrl(), {});
-            s.setSession(QSharedPointer<QKURLSession>::create());
-            Outcome outcome;
-            start(Op::List, s, outcome);
-            WAIT_FOR(outcome);
-            QCOMPARE(outcome.error->code, -1202);
-        }
-        // A server that never answers, with a short time-out.
-        {
-            FakeService::Answer silent;
-            silent.neverAnswer = true;
-            m_service.answer("GET", QStringLiteral(".*"), silent, 1);
-            auto session = QSharedPointer<QKURLSession>::create();
-            session->addCaCertificates(FakeService::caCertificates());
-            session->setTimeoutInterval(300);
-            auto s = source();
-            s->setSession(session);
-            Outcome outcome;
-            start(Op::List, *s, outcome);
-            WAIT_FOR(outcome);
-            QCOMPARE(outcome.error, platformError(-1001, QStringLiteral("Feedback could not be retrieved")));
-        }
-        // An answer over the cap.
-        {
-            FakeService::Answer huge;
-            huge.bodyBytes = 3 << 20;
-            m_service.answer("GET", QStringLiteral(".*"), huge, 1);
-            auto session = QSharedPointer<QKURLSession>::create();
-            session->addCaCertificates(FakeService::caCertificates());
-            session->setMaximumResponseSize(1 << 20);
-            auto s = source();
-            s->setSession(session);
-            Outcome outcome;
-            start(Op::List, *s, outcome);
-            WAIT_FOR(outcome);
-            QCOMPARE(outcome.error->code, -1103);
-        }
-        // A dropped connection.
-        {
-            FakeService::Answer drop;
-            drop.dropConnection = true;
-            // Qt resends a request whose connection closed, so every attempt is dropped.
-            m_service.answer("GET", QStringLiteral(".*"), drop);
-            auto s = source();
-            Outcome outcome;
-            start(Op::List, *s, outcome);
-            WAIT_FOR(outcome);
-            QCOMPARE(outcome.error->code, -1005);
-            m_service.clearAnswers();
-        }
-        // A missing base URL: "(null)/KEY/threads" is no address.
-        {
-            auto s = source();
-            s->setBaseURL(QString());
-            Outcome outcome;
-            start(Op::Delete, *s, outcome);
-            WAIT_FOR(outcome);
-            QCOMPARE(outcome.error, platformError(-1002, QStringLiteral("Feedback could not be deleted")));
-        }
-    }
-
-    void headerInjectionIsRefused()
-    {
-        m_service.clearRequests();
-        auto s = source(QStringLiteral("x\r\nX-Injected: 1"));
+        Source s(QStringLiteral("KEY"), QStringLiteral("d"), untrusted.baseUrl(), {});
+        s.setSession(QSharedPointer<QKURLSession>::create());
         Outcome outcome;
-        start(Op::List, *s, outcome);
+        start(Op::List, s, outcome);
         WAIT_FOR(outcome);
-        QCOMPARE(outcome.error->code, -1002);
-        auto quoted = source(QStringLiteral("a\"b"));
-        Outcome sent;
-        start(Op::List, *quoted, sent); // quotes go verbatim
-        WAIT_FOR(sent);
-        QCOMPARE(m_service.requests().size(), 1);
-        QCOMPARE(m_service.requests().first().header("x-filter-meta"),
-                 QByteArray("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"a\"b\"}]}"));
+        QCOMPARE(outcome.error->code, -1202);
+        // A missing base URL: "(null)/KEY/threads" is no address.
+        s.setBaseURL(QString());
+        Outcome unsent;
+        start(Op::Delete, s, unsent);
+        WAIT_FOR(unsent);
+        QCOMPARE(unsent.error, platformError(-1002, QStringLiteral("Feedback could not be deleted")));
     }
 
     void newItemBody_data()
@@ -481,7 +407,6 @@ private slots:
         QCOMPARE(image.value(QStringLiteral("Filename")).toString(), QStringLiteral("nimbrel.png"));
         QCOMPARE(image.value(QStringLiteral("ContentType")).toString(), QStringLiteral("image/png"));
         const QString base64 = image.value(QStringLiteral("base64")).toString();
-        QVERIFY(base64.contains(QStringLiteral("\r\n")));
         QCOMPARE(base64.indexOf(QStringLiteral("\r\n")), 64);
         QCOMPARE(QKPNGCodec::decode(QKBase64::decodeIgnoringUnknownCharacters(base64)), sampleImage());
         const QJsonObject info = body.value(QStringLiteral("SystemInfo")).toObject();
@@ -518,25 +443,35 @@ private slots:
     {
         auto s = source();
         QKFeedbackItemList items;
-        for (const char *text : {"one", "two", "three"}) {
+        for (const char *text : {"one", "two", "three", "four"}) {
             auto item = QKFeedbackItem::create();
             item->setText(QString::fromLatin1(text));
             items.append(item);
         }
-        // The second item fails; the third is never sent. Newest answers are used first.
+        // The third item fails; the fourth is never sent. Newest answers are used first.
         m_service.answerServiceError("POST", QStringLiteral(".*"), 500, QStringLiteral("Full"), 200);
         FakeService::Answer accepted;
         accepted.body = "{}";
-        m_service.answer("POST", QStringLiteral(".*"), accepted, 1);
+        accepted.delayMs = 200;
+        m_service.answer("POST", QStringLiteral(".*"), accepted, 2);
+        // Each acceptance takes 200 ms: a request sent before the previous answer arrives sooner.
+        QElapsedTimer clock;
+        clock.start();
+        QList<qint64> arrivals;
+        const auto arrived =
+            connect(&m_service, &FakeService::requestReceived, this, [&] { arrivals.append(clock.elapsed()); });
         Outcome outcome;
         s->addFeedbackItems(items, outcome.error_());
         s.reset(); // the batch does not need the source any more
         WAIT_FOR(outcome);
+        disconnect(arrived);
         QCOMPARE(outcome.error, platformError(500, QStringLiteral("Full")));
         QVERIFY(outcome.thread != QKURLSession::networkThread()); // a global-queue thread
-        QCOMPARE(m_service.requests().size(), 2);
-        QCOMPARE(bodyOf(m_service.requests().at(0)).value(QStringLiteral("Text")).toString(), QStringLiteral("one"));
-        QCOMPARE(bodyOf(m_service.requests().at(1)).value(QStringLiteral("Text")).toString(), QStringLiteral("two"));
+        QCOMPARE(arrivals.size(), 3);
+        for (int i = 1; i < 3; ++i)
+            QVERIFY2(arrivals[i] - arrivals[i - 1] >= accepted.delayMs, qPrintable(QString::number(arrivals[i])));
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(bodyOf(m_service.requests().at(i)).value(QStringLiteral("Text")).toString(), items[i]->text());
 
         m_service.clearRequests();
         m_service.clearAnswers();
@@ -547,35 +482,54 @@ private slots:
         QCOMPARE(m_service.requests().size(), 0);
     }
 
-    void editAndDeleteRequests()
+    // Requests on one thread; a nil key is printed as the platform prints nil, "(null)".
+    void threadRequests_data()
     {
+        QTest::addColumn<Op>("op");
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QByteArray>("method");
+        QTest::addColumn<QByteArray>("path");   // after the collection's
+        QTest::addColumn<QByteArray>("filter"); // null: no x-filter-meta
+        QTest::newRow("edit") << Op::Edit << "T1" << QByteArray("PUT") << QByteArray()
+                              << QByteArray("{\"RootId\":\"T1\"}");
+        QTest::newRow("edit, nil key") << Op::Edit << QString() << QByteArray("PUT") << QByteArray()
+                                       << QByteArray("{\"RootId\":\"(null)\"}");
+        QTest::newRow("delete") << Op::Delete << "T1" << QByteArray("DELETE") << QByteArray("/T1") << QByteArray();
+        QTest::newRow("delete, nil key") << Op::Delete << QString() << QByteArray("DELETE") << QByteArray("/(null)")
+                                         << QByteArray();
+        QTest::newRow("comments, nil key")
+            << Op::Comments << QString() << QByteArray("GET") << QByteArray() << QByteArray("{\"RootId\":\"(null)\"}");
+        QTest::newRow("comment, nil key")
+            << Op::Comment << QString() << QByteArray("POST") << QByteArray("/(null)") << QByteArray();
+    }
+    void threadRequests()
+    {
+        QFETCH(Op, op);
+        QFETCH(QString, key);
+        QFETCH(QByteArray, method);
+        QFETCH(QByteArray, path);
+        QFETCH(QByteArray, filter);
         auto s = source();
-        Outcome edited, deleted;
-        s->editWithKey(QStringLiteral("T1"), QStringLiteral("Resolved"), edited.error_());
-        WAIT_FOR(edited);
-        s->deleteWithKey(QStringLiteral("T1"), deleted.error_());
-        WAIT_FOR(deleted);
-        QCOMPARE(m_service.requests().size(), 2);
-        const RecordedRequest edit = m_service.requests().at(0);
-        QCOMPARE(edit.method, QByteArray("PUT"));
-        QCOMPARE(edit.target, collection.toUtf8()); // never the key in the URL
-        QCOMPARE(edit.header("Content-Type"), QByteArray("application/json"));
-        QCOMPARE(edit.header("x-filter-meta"), QByteArray("{\"RootId\":\"T1\"}"));
-        QCOMPARE(bodyOf(edit), (QJsonObject{{"State", "Resolved"}}));
-        const RecordedRequest del = m_service.requests().at(1);
-        QCOMPARE(del.method, QByteArray("DELETE"));
-        QCOMPARE(del.target, (collection + QStringLiteral("/T1")).toUtf8());
-        QVERIFY(!del.hasHeader("Content-Type") && !del.hasHeader("x-filter-meta"));
-        QVERIFY(del.body.isEmpty());
-        QCOMPARE(deleted.error->code, 404); // the fake service has no such thread
+        Outcome outcome;
+        start(op, *s, outcome, key);
+        WAIT_FOR(outcome);
+        QCOMPARE(m_service.requests().size(), 1);
+        const RecordedRequest r = m_service.requests().first();
+        QCOMPARE(r.method, method);
+        QCOMPARE(r.target, collection.toUtf8() + path);
+        QCOMPARE(r.hasHeader("x-filter-meta"), !filter.isNull());
+        QCOMPARE(r.header("x-filter-meta"), filter);
+        const bool json = method == "PUT" || method == "POST";
+        QCOMPARE(r.header("Content-Type"), json ? QByteArray("application/json") : QByteArray());
+        QCOMPARE(r.body.isEmpty(), !json);
+        if (op == Op::Edit)
+            QCOMPARE(bodyOf(r), (QJsonObject{{"State", "Resolved"}}));
     }
 
     void comments()
     {
         const QString key = QStringLiteral("CKEY");
-        const QJsonObject thread = m_service.addThread(
-            key, {{QStringLiteral("Uid"), QStringLiteral("device-1")}, {QStringLiteral("Text"), QStringLiteral("t")}});
-        const QString id = thread.value(QStringLiteral("Id")).toString();
+        const QString id = m_service.addThread(key, {{"Uid", "device-1"}, {"Text", "t"}}).value("Id").toString();
         auto s = source();
         s->setApiKey(key);
         s->setUserName(QStringLiteral("Bo"));
