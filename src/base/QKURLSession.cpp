@@ -42,39 +42,46 @@ struct NetworkThread
     bool stopped = false;               // the application is gone: nothing is posted any more
 };
 
-void stopNetworkThread();
-
 // Every access holds threadMutex().
-NetworkThread &networkThreadLocked()
+NetworkThread &networkState()
 {
     static NetworkThread state;
+    return state;
+}
+
+// The thread's context, the thread started on first use; null once the application is
+// gone, so that no thread starts after it.
+QKThreadHandOff *networkContextLocked()
+{
+    NetworkThread &state = networkState();
+    if (state.stopped)
+        return nullptr;
     if (!state.thread) {
         state.thread = new QThread;
         state.thread->setObjectName(QStringLiteral("Murmora network"));
         state.context = new QKThreadHandOff;
         state.context->moveToThread(state.thread);
         state.thread->start();
-        // Stopped with the application, so that no thread outlives what it uses.
-        qAddPostRoutine(stopNetworkThread);
     }
-    return state;
+    return state.context;
 }
 
 // Runs `block` on the network thread, or returns false once the application is gone.
 bool postToNetworkThread(std::function<void()> block)
 {
     QMutexLocker lock(&threadMutex());
-    NetworkThread &state = networkThreadLocked();
-    if (state.stopped)
+    QKThreadHandOff *context = networkContextLocked();
+    if (!context)
         return false;
-    state.context->post(std::move(block));
+    context->post(std::move(block));
     return true;
 }
 
+// Called on the network thread only, where the context lives.
 QKThreadHandOff *networkContext()
 {
     QMutexLocker lock(&threadMutex());
-    return networkThreadLocked().context;
+    return networkState().context;
 }
 
 QKError cancelled()
@@ -359,20 +366,43 @@ void stopNetworkThread()
     QThread *thread = nullptr;
     {
         QMutexLocker lock(&threadMutex());
-        NetworkThread &state = networkThreadLocked();
+        NetworkThread &state = networkState();
         if (state.stopped)
             return;
         state.stopped = true;
+        if (!state.thread)
+            return;
         thread = state.thread;
         QKThreadHandOff *context = state.context;
         // Runs after every block posted before it, so each request started is cancelled.
         context->post([context] {
+            // Deleted, not only cancelled: the access manager then stops its own HTTP
+            // thread, which would otherwise still be closing connections while the
+            // process exits.
             qDeleteAll(context->findChildren<QKURLSessionWorker *>(Qt::FindDirectChildrenOnly));
             QThread::currentThread()->quit();
         });
     }
     thread->wait();
 }
+
+// With each application: stopped when it goes, so that no thread outlives what it uses.
+// A later application gets a thread of its own.
+void watchApplication()
+{
+    QMutexLocker lock(&threadMutex());
+    NetworkThread &state = networkState();
+    if (state.stopped && state.thread) {
+        state.thread->wait();
+        delete state.context;
+        delete state.thread;
+        state.thread = nullptr;
+        state.context = nullptr;
+    }
+    state.stopped = false;
+    qAddPostRoutine(stopNetworkThread);
+}
+Q_COREAPP_STARTUP_FUNCTION(watchApplication)
 
 } // namespace
 
@@ -434,7 +464,8 @@ QSharedPointer<QKURLSession> QKURLSession::sharedSession()
 QThread *QKURLSession::networkThread()
 {
     QMutexLocker lock(&threadMutex());
-    return networkThreadLocked().thread;
+    networkContextLocked();
+    return networkState().thread;
 }
 
 void QKURLSession::addCaCertificates(const QList<QSslCertificate> &certificates)
