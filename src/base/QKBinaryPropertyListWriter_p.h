@@ -34,5 +34,6 @@ struct QKPlistNode
 };
 
 // The binary property list ("bplist00") of `root`, as pieces to be written one after
-// the other: large strings and data are their nodes' own arrays, never copied.
+// the other: large strings and data are read from their nodes' own arrays, never
+// copied, so `root` must outlive the pieces.
 QList<QByteArray> QKWriteBinaryPropertyList(const QKPlistNode &root);

@@ -26,6 +26,7 @@ struct QKKeyedArchiver::Private
     QSet<const QKCoding *> encoding;
     QList<QKPlistNode> containers;                       // the object dictionaries being filled
     QList<std::shared_ptr<const QKArchiveBytes>> slices; // what encodeText's nodes point into
+    QKPlistNode archive;                                 // what the written pieces point into
     int depth = 0;
 
     quint64 append(QKPlistNode object)
@@ -232,7 +233,7 @@ struct QKKeyedArchiver::Private
     {
         append(QKPlistNode::string(QStringLiteral("$null")));
         const quint64 rootUid = encode(root);
-        QKPlistNode archive = QKPlistNode::dict();
+        archive = QKPlistNode::dict();
         archive.insert(QStringLiteral("$version"), QKPlistNode::integer(QKKeyedArchiveVersion));
         archive.insert(QStringLiteral("$archiver"), QKPlistNode::string(QStringLiteral("NSKeyedArchiver")));
         QKPlistNode top = QKPlistNode::dict();
