@@ -24,8 +24,8 @@ struct MainQueue
 
 MainQueue &mainQueueState()
 {
-    static MainQueue queue;
-    return queue;
+    static auto *queue = new MainQueue; // never destroyed, like the global blocks below
+    return *queue;
 }
 
 void closeMainQueue()
@@ -55,8 +55,9 @@ struct GlobalBlocks
 
 GlobalBlocks &globalBlocks()
 {
-    static GlobalBlocks blocks;
-    return blocks;
+    // Never destroyed: a pool thread may still be taking its block while the process exits.
+    static auto *blocks = new GlobalBlocks;
+    return *blocks;
 }
 
 class GlobalRunnable : public QRunnable

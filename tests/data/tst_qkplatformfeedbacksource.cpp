@@ -468,8 +468,10 @@ private slots:
         QCOMPARE(outcome.error, platformError(500, QStringLiteral("Full")));
         QVERIFY(outcome.thread != QKURLSession::networkThread()); // a global-queue thread
         QCOMPARE(arrivals.size(), 3);
+        // Half the delay: Qt's coarse timers may answer a little early, while overlapping
+        // requests arrive within a few milliseconds of each other.
         for (int i = 1; i < 3; ++i)
-            QVERIFY2(arrivals[i] - arrivals[i - 1] >= accepted.delayMs, qPrintable(QString::number(arrivals[i])));
+            QVERIFY2(arrivals[i] - arrivals[i - 1] >= accepted.delayMs / 2, qPrintable(QString::number(arrivals[i])));
         for (int i = 0; i < 3; ++i)
             QCOMPARE(bodyOf(m_service.requests().at(i)).value(QStringLiteral("Text")).toString(), items[i]->text());
 
