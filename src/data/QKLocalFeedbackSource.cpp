@@ -174,14 +174,18 @@ void QKLocalFeedbackSource::feedbackItemsByState(const QString &state, qint64, I
 
 void QKLocalFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
 {
-    m_items.append(item);
+    // A null item would be archived as nil, which the next load refuses as damage.
+    if (item)
+        m_items.append(item);
     save();
     completionHandler(std::nullopt);
 }
 
 void QKLocalFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler)
 {
-    m_items.append(items);
+    for (const QKFeedbackItemPtr &item : items)
+        if (item)
+            m_items.append(item);
     save();
     completionHandler(std::nullopt);
 }

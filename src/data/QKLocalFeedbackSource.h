@@ -10,7 +10,8 @@
 /// deletion only confirms that the key exists and keeps the item, reading an item's
 /// sub-items rewrites the file, and the file is written once more on destruction.
 /// Items are found by exact key, first stored match; an item without a key is never
-/// found. The image and comment operations are not implemented.
+/// found. The image and comment operations are not implemented. A null item handed to
+/// an add is not stored.
 ///
 /// Several instances each keep their own list and the last to save wins: use one per
 /// process (sharedItems()).

@@ -300,7 +300,8 @@ private slots:
             QCOMPARE(aside.readAll(), garbage);
             QVERIFY(!seen.contains(movedTo));
             seen << movedTo;
-            source.addFeedback(makeItem("k", "Open"), [](auto) {});
+            source.addFeedbackItems({makeItem("k", "Open"), QKFeedbackItemPtr()}, [](auto) {});
+            source.addFeedback(QKFeedbackItemPtr(), [](auto) {}); // never stored as a nil the next load refuses
             Source reread;
             QCOMPARE(reread.items().size(), 1);
             QVERIFY(!reread.damagedArchive());
