@@ -7,7 +7,7 @@ PACKAGES=(
   build-essential cmake ninja-build pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-httpserver-dev qt6-websockets-dev
   qt6-sensors-dev qt6-tools-dev qt6-l10n-tools
-  libplist-dev libplist-utils libisal-dev libdeflate-dev libpng-dev libicu-dev libbenchmark-dev
+  libplist-dev libplist-utils libisal-dev libdeflate-dev libpng-dev libicu-dev libbenchmark-dev libssl-dev
   openssl ca-certificates xvfb xauth fonts-dejavu-core fonts-liberation strace
 )
 

@@ -15,6 +15,7 @@
 #include <QTimer>
 
 #include <limits>
+#include <openssl/crypto.h>
 #include <vector>
 
 namespace {
@@ -390,6 +391,10 @@ void stopNetworkThread()
 // A later application gets a thread of its own.
 void watchApplication()
 {
+    // Qt's TLS threads end, and free their OpenSSL thread state, only after QThread::wait
+    // has returned; OpenSSL's own exit handler would free the state they free into.
+    // Without it the process's memory simply goes with the process.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     QMutexLocker lock(&threadMutex());
     NetworkThread &state = networkState();
     if (state.stopped && state.thread) {
