@@ -10,6 +10,7 @@
 #include "../base/QKServiceDate.h"
 
 #include <QJsonArray>
+#include <QUuid>
 #include <QJsonDocument>
 
 #include <cmath>
@@ -171,6 +172,13 @@ QUrl threadURL(const Properties &p, const QString &key)
     return parseURL(QStringLiteral("%1/%2/threads/%3").arg(orNull(p.baseURL), orNull(p.apiKey), orNull(key)));
 }
 
+// One per logical POST: Qt's own resend after a dropped connection repeats the request
+// with its headers, so the service can tell a resend from a new item.
+QByteArray newIdempotencyKey()
+{
+    return QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
+}
+
 // No name at all is sent as anonymous too.
 QString authorValue(const QString &userName)
 {
@@ -323,6 +331,7 @@ QKURLRequest QKPlatformFeedbackSource::feedbackRequest(const Properties &p, cons
     request.url = collectionURL(p);
     request.method = "POST";
     request.setHeader("Content-Type", "application/json");
+    request.setHeader("Idempotency-Key", newIdempotencyKey());
     if (item->text().isNull())
         missingText();
     QJsonObject image{{QStringLiteral("Filename"), QStringLiteral("nimbrel.png")},
@@ -429,6 +438,7 @@ void QKPlatformFeedbackSource::addSubItemForKey(const QString &key, const QKFeed
     request.url = threadURL(m_p, key);
     request.method = "POST";
     request.setHeader("Content-Type", "application/json");
+    request.setHeader("Idempotency-Key", newIdempotencyKey());
     request.body = json(QJsonObject{{QStringLiteral("Text"), subItem->text()},
                                     {QStringLiteral("Author"), authorValue(m_p.userName)},
                                     {QStringLiteral("Uid"), m_p.uid},

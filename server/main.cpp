@@ -1,0 +1,144 @@
+// murmora-server: the service a team runs to receive what its apps send.
+
+#include "QKService.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QStringList>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace {
+
+const char Usage[] = R"(usage:
+  murmora-server --data DIR [--listen HOST:PORT] [--database URL]
+                 [--tls-cert FILE --tls-key FILE] [--public-url URL] [--insecure-http]
+                 [--max-body-mb N] [--threads N]
+  murmora-server apps add NAME --data DIR [--database URL]
+  murmora-server apps list --data DIR [--database URL]
+  murmora-server apps rotate NAME --data DIR [--database URL]
+
+Serves the feedback protocol at https://HOST:PORT/feedback/api/v1 (default listen
+127.0.0.1:8443, port 0 picks a free one), keeping its data in SQLite in DIR, or in
+PostgreSQL with --database postgresql://... Without --tls-cert it makes its own
+certificate in DIR/tls and prints the CA file that clients must trust.
+)";
+
+void print(const QString &line, FILE *to = stdout)
+{
+    const QByteArray text = line.toUtf8() + '\n';
+    std::fwrite(text.constData(), 1, size_t(text.size()), to);
+    std::fflush(to);
+}
+
+int usage(const QString &problem)
+{
+    print(problem, stderr);
+    std::fputs(Usage, stderr);
+    return 2;
+}
+
+int apps(const QStringList &positional, const QKServiceOptions &options)
+{
+    auto store = QKServiceStore::open(options.databaseUrl, options.dataDirectory);
+    const QString verb = positional.value(1);
+    if (verb == QLatin1String("list") && positional.size() == 2) {
+        for (const QKServiceApp &app : store->apps())
+            print(QStringLiteral("%1\t%2\t%3")
+                      .arg(app.name, app.key,
+                           QDateTime::fromMSecsSinceEpoch(app.createdAt, Qt::UTC).toString(Qt::ISODate)));
+        return 0;
+    }
+    if ((verb == QLatin1String("add") || verb == QLatin1String("rotate")) && positional.size() == 3) {
+        const QString name = positional[2].trimmed();
+        if (name.isEmpty() || name.size() > 200)
+            return usage(QStringLiteral("An application's name is 1 to 200 characters."));
+        if (verb == QLatin1String("add")) {
+            const QKServiceApp app = store->addApp(name);
+            print(QStringLiteral("Added the application %1. Its key, for the app's QKPlatformFeedbackSource:")
+                      .arg(app.name));
+            print(app.key);
+            return 0;
+        }
+        const auto app = store->rotateApp(name);
+        if (!app) {
+            print(QStringLiteral("There is no application named %1.").arg(name), stderr);
+            return 1;
+        }
+        print(QStringLiteral("The application %1 has a new key; the old one no longer works:").arg(app->name));
+        print(app->key);
+        return 0;
+    }
+    return usage(QStringLiteral("apps takes add NAME, list or rotate NAME."));
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QKService::blockStopSignals();
+    QCoreApplication app(argc, argv);
+    QStringList args = app.arguments().mid(1);
+    QKServiceOptions options;
+    QStringList positional;
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        const QString &arg = args[i];
+        const auto value = [&](QString *into) {
+            if (i + 1 >= args.size())
+                return false;
+            *into = args[++i];
+            return true;
+        };
+        QString number;
+        bool ok = true;
+        if (arg == QLatin1String("--data"))
+            ok = value(&options.dataDirectory);
+        else if (arg == QLatin1String("--listen"))
+            ok = value(&options.listen);
+        else if (arg == QLatin1String("--database"))
+            ok = value(&options.databaseUrl);
+        else if (arg == QLatin1String("--tls-cert"))
+            ok = value(&options.certificateFile);
+        else if (arg == QLatin1String("--tls-key"))
+            ok = value(&options.keyFile);
+        else if (arg == QLatin1String("--public-url"))
+            ok = value(&options.publicUrl);
+        else if (arg == QLatin1String("--insecure-http"))
+            options.insecureHttp = true;
+        else if (arg == QLatin1String("--max-body-mb")) {
+            ok = value(&number) && number.toInt() > 0 && number.toInt() <= 4096;
+            options.http.maxBodyBytes = qint64(number.toInt()) * 1024 * 1024;
+        } else if (arg == QLatin1String("--threads")) {
+            ok = value(&number) && number.toInt() > 0 && number.toInt() <= 256;
+            options.http.threads = number.toInt();
+        } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+            std::fputs(Usage, stdout);
+            return 0;
+        } else if (arg.startsWith(QLatin1String("--")))
+            return usage(QStringLiteral("Unknown option %1.").arg(arg));
+        else
+            positional.append(arg);
+        if (!ok)
+            return usage(QStringLiteral("%1 needs a valid value.").arg(arg));
+    }
+    if (options.dataDirectory.isEmpty() && options.databaseUrl.isEmpty())
+        return usage(QStringLiteral("Give the data directory: --data DIR."));
+    try {
+        if (positional.value(0) == QLatin1String("apps"))
+            return apps(positional, options);
+        if (!positional.isEmpty())
+            return usage(QStringLiteral("Unknown command %1.").arg(positional.first()));
+        QKService service(options);
+        service.start();
+        if (!service.madeCaFile().isEmpty())
+            print(QStringLiteral("CA certificate: %1").arg(service.madeCaFile()));
+        print(QStringLiteral("Murmora service listening on %1").arg(service.listeningUrl()));
+        service.runUntilSignalled();
+        print(QStringLiteral("Murmora service stopped."), stderr);
+        return 0;
+    } catch (const std::exception &error) {
+        print(QString::fromUtf8(error.what()), stderr);
+        return 1;
+    }
+}
