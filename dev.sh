@@ -8,6 +8,7 @@ PACKAGES=(
   qt6-base-dev qt6-base-dev-tools qt6-httpserver-dev qt6-websockets-dev
   qt6-sensors-dev qt6-tools-dev qt6-l10n-tools
   libplist-dev libplist-utils libisal-dev libdeflate-dev libpng-dev libicu-dev libbenchmark-dev libssl-dev
+  libboost-dev libsqlite3-dev libpq-dev postgresql-15
   openssl ca-certificates xvfb xauth fonts-dejavu-core fonts-liberation strace
 )
 
@@ -45,10 +46,48 @@ run_tests() {
   ctest --preset "$preset" "$@"
 }
 
+SERVER_DATA=build/server-data
+SERVER_URL=https://127.0.0.1:8443/feedback/api/v1
+
+# The key of the application "demo", made on first use.
+server_key() {
+  local binary="build/$preset/server/murmora-server"
+  local key
+  key=$("$binary" apps list --data "$SERVER_DATA" | awk -F'\t' '$1 == "demo" { print $2 }')
+  [ -n "$key" ] || key=$("$binary" apps add demo --data "$SERVER_DATA" | tail -1)
+  echo "$key"
+}
+
+server() {
+  configure
+  cmake --build --preset "$preset" --target murmora-server
+  local key
+  key=$(server_key)
+  echo "Base URL:        $SERVER_URL"
+  echo "Application key: $key"
+  echo "CA certificate:  $SERVER_DATA/tls/ca.pem (made on the first start)"
+  echo "Try it: ./dev.sh demo --server"
+  exec "build/$preset/server/murmora-server" --data "$SERVER_DATA" "$@"
+}
+
 demo() {
   configure
   cmake --build --preset "$preset" --target murmora-demo
   local binary="build/$preset/examples/demo/murmora-demo"
+  if [ "${1:-}" = "--server" ]; then
+    shift
+    cmake --build --preset "$preset" --target murmora-server
+    local key
+    key=$(server_key)
+    # Against the service of ./dev.sh server, started here for the demo's length when it is not running.
+    if ! (exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null; then
+      "build/$preset/server/murmora-server" --data "$SERVER_DATA" >"$SERVER_DATA/demo-server.out" 2>"$SERVER_DATA/demo-server.log" &
+      local pid=$!
+      trap 'kill $pid 2>/dev/null; wait $pid 2>/dev/null' EXIT
+      for _ in $(seq 100); do grep -q "listening" "$SERVER_DATA/demo-server.out" 2>/dev/null && break; sleep 0.1; done
+    fi
+    set -- --service "$SERVER_URL" --key "$key" --uid "demo-device" --ca "$SERVER_DATA/tls/ca.pem" "$@"
+  fi
   if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
     echo "No display: running the scripted tour offscreen at phone size."
     "$binary" --tour --tour-dir "build/$preset/tour" "$@"
@@ -82,7 +121,10 @@ usage: ./dev.sh COMMAND
   build    configure and build (PRESET=dev|asan|tsan|release, default dev)
   test     deps, build, then run every test headless
   demo     deps, build, then run the demo (without a display: its scripted tour,
-           pictures in build/dev/tour); demo options: --local, --service URL --key K --uid U [--ca FILE]
+           pictures in build/dev/tour); demo options: --local, --service URL --key K --uid U [--ca FILE],
+           or --server: against the service of ./dev.sh server (started for the demo when not running)
+  server   build and run murmora-server with its data in build/server-data (SQLite), making the
+           application "demo" on first run; prints its base URL, key and CA certificate
   bench    deps, then build and run the benchmarks (release preset) and print the table;
            options go to Google Benchmark (e.g. --benchmark_filter=encode), --smoke for one quick pass
   fuzz     [SECONDS] [TARGET...]: build the libFuzzer targets (clang) and run each
@@ -97,6 +139,7 @@ case "$cmd" in
   build) deps; build ;;
   test) deps; build; run_tests "$@" ;;
   demo) deps; demo "$@" ;;
+  server) deps; server "$@" ;;
   bench) deps; bench "$@" ;;
   fuzz) PACKAGES+=(clang libclang-rt-14-dev); deps; fuzz "$@" ;;
   *) usage; exit 2 ;;

@@ -146,6 +146,8 @@ private:
     {
         if (ec == http::error::header_limit)
             return refuse(QKServiceRefusal::HeadersTooLarge);
+        if (ec == http::error::body_limit) // its Content-Length says so
+            return refuse(QKServiceRefusal::BodyTooLarge);
         if (ec) {
             // A request that is not HTTP gets an answer; a peer that went away or was
             // too slow gets none.
