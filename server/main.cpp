@@ -131,6 +131,12 @@ int main(int argc, char *argv[])
             return usage(QStringLiteral("Unknown command %1.").arg(positional.first()));
         QKService service(options);
         service.start();
+        if (options.publicUrl.isEmpty() &&
+            (options.listen.startsWith(QLatin1String("0.0.0.0:")) || options.listen.startsWith(QLatin1String("[::]:"))))
+            print(QStringLiteral("Listening on every address: give --public-url too, or screenshot addresses will "
+                                 "name %1, which no client reaches.")
+                      .arg(service.baseUrl()),
+                  stderr);
         if (!service.madeCaFile().isEmpty())
             print(QStringLiteral("CA certificate: %1").arg(service.madeCaFile()));
         print(QStringLiteral("Murmora service listening on %1").arg(service.listeningUrl()));
