@@ -12,6 +12,8 @@
 
 #include <libdeflate.h>
 
+#include <chrono>
+
 namespace {
 
 struct RefusalText
@@ -72,9 +74,30 @@ qint64 now()
     return QDateTime::currentMSecsSinceEpoch();
 }
 
+// QKServiceDate::format's text without building a QDateTime: a listing writes forty.
 QString date(qint64 ms)
 {
-    return QKServiceDate::format(QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC));
+    using namespace std::chrono;
+    const sys_time<milliseconds> time{milliseconds(ms)};
+    const auto day = floor<days>(time);
+    const year_month_day ymd{day};
+    const hh_mm_ss clock{time - day};
+    const int y = int(ymd.year());
+    if (y < 0 || y > 9999)
+        return QKServiceDate::format(QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC));
+    char text[] = "0000-00-00T00:00:00.000+0000";
+    const auto put = [&text](int at, int value, int digits) {
+        for (int i = digits - 1; i >= 0; --i, value /= 10)
+            text[at + i] = char('0' + value % 10);
+    };
+    put(0, y, 4);
+    put(5, int(unsigned(ymd.month())), 2);
+    put(8, int(unsigned(ymd.day())), 2);
+    put(11, int(clock.hours().count()), 2);
+    put(14, int(clock.minutes().count()), 2);
+    put(17, int(clock.seconds().count()), 2);
+    put(20, int(clock.subseconds().count()), 3);
+    return QString::fromLatin1(text, sizeof text - 1);
 }
 
 void appendJsonString(QByteArray &out, QStringView text)

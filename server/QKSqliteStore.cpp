@@ -61,6 +61,8 @@ public:
     {
         for (sqlite3_stmt *s : std::as_const(statements))
             sqlite3_finalize(s);
+        for (sqlite3_stmt *s : std::as_const(filtered))
+            sqlite3_finalize(s);
         sqlite3_close(db);
     }
 
@@ -74,31 +76,31 @@ public:
         }
     }
 
-    // A prepared statement, reset and ready to bind; kept for the connection's lifetime
-    // unless `keep` is false: filters come in too many shapes to keep them all.
+    // A prepared statement, reset and ready to bind; kept for the connection's lifetime,
+    // or with `keep` false among the last few filters: they come in too many shapes to
+    // keep them all, and in few enough that preparing each listing anew would be waste.
     sqlite3_stmt *prepare(const QString &sql, bool keep)
     {
-        if (!keep) {
-            sqlite3_stmt *s = nullptr;
-            const QByteArray utf8 = sql.toUtf8();
-            if (sqlite3_prepare_v3(db, utf8.constData(), int(utf8.size()), 0, &s, nullptr) != SQLITE_OK)
-                raise(db, "Cannot prepare a statement");
+        QHash<QString, sqlite3_stmt *> &cache = keep ? statements : filtered;
+        if (sqlite3_stmt *s = cache.value(sql))
             return s;
+        if (!keep && cache.size() >= 32) {
+            for (sqlite3_stmt *old : std::as_const(cache))
+                sqlite3_finalize(old);
+            cache.clear();
         }
-        sqlite3_stmt *&s = statements[sql];
-        if (!s) {
-            const QByteArray utf8 = sql.toUtf8();
-            if (sqlite3_prepare_v3(db, utf8.constData(), int(utf8.size()), SQLITE_PREPARE_PERSISTENT, &s, nullptr) !=
-                SQLITE_OK) {
-                statements.remove(sql);
-                raise(db, "Cannot prepare a statement");
-            }
-        }
+        sqlite3_stmt *s = nullptr;
+        const QByteArray utf8 = sql.toUtf8();
+        if (sqlite3_prepare_v3(db, utf8.constData(), int(utf8.size()), SQLITE_PREPARE_PERSISTENT, &s, nullptr) !=
+            SQLITE_OK)
+            raise(db, "Cannot prepare a statement");
+        cache.insert(sql, s);
         return s;
     }
 
     sqlite3 *db = nullptr;
     QHash<QString, sqlite3_stmt *> statements;
+    QHash<QString, sqlite3_stmt *> filtered;
 };
 
 namespace {
@@ -109,14 +111,10 @@ using Connection = QKSqliteStore::Connection;
 class Query
 {
 public:
-    Query(Connection *c, const QString &sql, bool keep = true) : c(c), s(c->prepare(sql, keep)), keep(keep) {}
+    Query(Connection *c, const QString &sql, bool keep = true) : c(c), s(c->prepare(sql, keep)) {}
     Query(Connection *c, const char *sql) : Query(c, QString::fromLatin1(sql)) {}
     ~Query()
     {
-        if (!keep) {
-            sqlite3_finalize(s);
-            return;
-        }
         sqlite3_reset(s);
         sqlite3_clear_bindings(s);
     }
@@ -225,7 +223,6 @@ private:
 
     Connection *c;
     sqlite3_stmt *s;
-    bool keep;
     int index = 0;
 };
 
