@@ -1,6 +1,7 @@
 #include "QKPostgresStore.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QMutexLocker>
 #include <QUrl>
 
@@ -113,6 +114,9 @@ public:
     QList<QByteArray> secrets;
     // Taken from the pool: its server may have gone since, so the first statement may retry.
     bool mayRetry = false;
+    // Statements prepared on this connection, by their text: a listing is parsed and
+    // planned once per connection rather than once per request.
+    QHash<QByteArray, QByteArray> prepared;
 };
 
 namespace {
@@ -226,12 +230,26 @@ Result exec(Connection *c, const char *sql, const Params &p = {}, bool binary = 
         values[i] = p.nulls[i] ? nullptr : p.values[i].constData();
         lengths[i] = int(p.values[i].size());
     }
-    const auto run = [&] {
+    const auto run = [&]() -> PGresult * {
         // Only the simple protocol takes several statements at once (the migrations).
         if (n == 0 && !binary)
             return PQexec(c->conn, sql);
-        return PQexecParams(c->conn, sql, n, nullptr, values.constData(), lengths.constData(), p.formats.constData(),
-                            binary ? 1 : 0);
+        QByteArray name = c->prepared.value(QByteArray(sql));
+        if (name.isNull()) {
+            // Filters come in many shapes; a bounded set stays prepared.
+            if (c->prepared.size() >= 64) {
+                PQclear(PQexec(c->conn, "DEALLOCATE ALL"));
+                c->prepared.clear();
+            }
+            name = "s" + QByteArray::number(c->prepared.size());
+            PGresult *made = PQprepare(c->conn, name.constData(), sql, n, nullptr);
+            if (!succeeded(made))
+                return made;
+            PQclear(made);
+            c->prepared.insert(QByteArray(sql), name);
+        }
+        return PQexecPrepared(c->conn, name.constData(), n, values.constData(), lengths.constData(),
+                              p.formats.constData(), binary ? 1 : 0);
     };
     PGresult *r = run();
     if (!succeeded(r) && c->mayRetry && PQstatus(c->conn) == CONNECTION_BAD) {
@@ -239,6 +257,7 @@ Result exec(Connection *c, const char *sql, const Params &p = {}, bool binary = 
         // of a lease, before anything of the lease was done: reconnect and say it again.
         PQclear(r);
         PQreset(c->conn);
+        c->prepared.clear();
         r = PQstatus(c->conn) == CONNECTION_OK ? run() : nullptr;
     }
     c->mayRetry = false;
