@@ -18,6 +18,7 @@
 #include <sqlite3.h>
 
 #include <csignal>
+#include <sys/prctl.h>
 #include <thread>
 
 namespace {
@@ -60,6 +61,8 @@ public:
     bool start(const QStringList &arguments)
     {
         process.setProcessChannelMode(QProcess::SeparateChannels);
+        // A test that dies takes its servers with it.
+        process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
         process.start(serverBinary(),
                       arguments + QStringList{QStringLiteral("--listen"), QStringLiteral("127.0.0.1:0")});
         QDeadlineTimer deadline(20000);
