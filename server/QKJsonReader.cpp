@@ -287,7 +287,11 @@ private:
     std::optional<QString> parseString()
     {
         ++p; // the opening quote
-        buffer.clear();
+        // Room for the whole string at once: a screenshot's Base64 would otherwise grow
+        // the buffer a run at a time.
+        buffer.resize(0);
+        if (const void *quote = std::memchr(p, '"', size_t(end - p)))
+            buffer.reserve(static_cast<const char *>(quote) - p);
         for (;;) {
             const char *run = p;
             while (p != end) {

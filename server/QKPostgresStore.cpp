@@ -22,6 +22,9 @@ const char *const Migrations[] = {
     " modified_at BIGINT NOT NULL, system_info TEXT, parameters TEXT, image_id TEXT COLLATE \"C\","
     " comments BIGINT NOT NULL DEFAULT 0);"
     "CREATE INDEX threads_device ON threads (app_id, uid, root_id, created_at, id);"
+    // PostgreSQL takes no order from an index past "root_id IS NULL": a device's items
+    // have their own.
+    "CREATE INDEX threads_device_items ON threads (app_id, uid, created_at, id) WHERE root_id IS NULL;"
     "CREATE INDEX threads_root ON threads (app_id, root_id, created_at, id);"
     "CREATE TABLE images (id TEXT COLLATE \"C\" PRIMARY KEY, thread_id TEXT COLLATE \"C\" NOT NULL,"
     " png BYTEA NOT NULL);"

@@ -43,6 +43,7 @@ private:
 
     QString m_path;
     QMutex m_mutex;
+    QMutex m_writer;
     QList<Connection *> m_idle;
     QList<Connection *> m_all;
 };

@@ -1,14 +1,11 @@
 #include "QKBase64.h"
 
+#include <array>
 #include <cstring>
 
 namespace {
 constexpr qsizetype LineLength = 64;
 
-bool isBase64Letter(char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/';
-}
 } // namespace
 
 QString QKBase64::encodeWithLineBreaks(const QByteArray &data)
@@ -45,42 +42,67 @@ QByteArray QKBase64::decodeIgnoringUnknownCharacters(const QString &text)
 {
     if (text.isNull())
         return QByteArray();
-    // Characters outside Latin-1 are not of the alphabet: any stand-in is skipped too.
-    QByteArray ascii(text.size(), Qt::Uninitialized);
-    for (qsizetype i = 0; i < text.size(); ++i) {
-        const char16_t c = text.at(i).unicode();
-        ascii[i] = c < 0x80 ? char(c) : '\x80';
-    }
-    if (ascii.isNull())
-        ascii = QByteArray("");
-    return decodeASCIIIgnoringUnknownCharacters(ascii);
+    // Latin-1 keeps the alphabet and turns everything else into bytes outside it ('?' or
+    // 0x80 and up), which the decoder skips.
+    QByteArray latin1 = text.toLatin1();
+    if (latin1.isNull())
+        latin1 = QByteArray("");
+    return decodeASCIIIgnoringUnknownCharacters(latin1);
 }
 
 QByteArray QKBase64::decodeASCIIIgnoringUnknownCharacters(QByteArrayView text)
 {
     if (text.isNull())
         return QByteArray();
-    QByteArray letters(text.size(), Qt::Uninitialized);
-    qsizetype count = 0;
+    // Filtering and decoding in one pass: screenshots are megabytes of text.
+    static constexpr auto values = [] {
+        std::array<signed char, 256> table{};
+        table.fill(-1);
+        for (int i = 0; i < 26; ++i) {
+            table['A' + i] = char(i);
+            table['a' + i] = char(26 + i);
+        }
+        for (int i = 0; i < 10; ++i)
+            table['0' + i] = char(52 + i);
+        table['+'] = 62;
+        table['/'] = 63;
+        return table;
+    }();
+    QByteArray bytes(text.size() / 4 * 3 + 3, Qt::Uninitialized);
+    char *out = bytes.data();
+    quint32 group = 0;
+    int pending = 0;
+    qsizetype letters = 0;
     qsizetype padding = 0;
     for (const char c : text) {
         if (c == '=') {
             ++padding;
-        } else if (isBase64Letter(c)) {
-            if (padding > 0)
-                return QByteArray(); // letters after the padding
-            letters[count++] = c;
+            continue;
+        }
+        const int value = values[uchar(c)];
+        if (value < 0)
+            continue;
+        if (padding > 0)
+            return QByteArray(); // letters after the padding
+        group = group << 6 | quint32(value);
+        ++letters;
+        if (++pending == 4) {
+            *out++ = char(group >> 16);
+            *out++ = char(group >> 8);
+            *out++ = char(group);
+            group = 0;
+            pending = 0;
         }
     }
-    letters.truncate(count);
-    if (padding > 2 || (letters.size() + padding) % 4 != 0)
+    if (padding > 2 || (letters + padding) % 4 != 0)
         return QByteArray();
-    if (padding > 0)
-        letters.append(padding, '=');
-    const auto decoded = QByteArray::fromBase64Encoding(letters, QByteArray::AbortOnBase64DecodingErrors);
-    if (!decoded)
-        return QByteArray();
-    QByteArray bytes = *decoded;
+    if (pending == 2) {
+        *out++ = char(group >> 4);
+    } else if (pending == 3) {
+        *out++ = char(group >> 10);
+        *out++ = char(group >> 2);
+    }
+    bytes.truncate(out - bytes.constData());
     if (bytes.isNull())
         bytes = QByteArray("");
     return bytes;
