@@ -103,6 +103,14 @@ bench() {
   QT_QPA_PLATFORM=${QT_QPA_PLATFORM:-offscreen} build/release/bench/murmora-bench "$@"
 }
 
+# murmora-server under load, each figure beside nginx or the disk in the same run; it starts
+# its own servers (nginx, PostgreSQL, murmora-server) on 127.0.0.1 and stops them.
+bench_service() {
+  [ -f build/release/build.ninja ] || cmake --preset release
+  cmake --build --preset release --target murmora-server murmora-service-bench
+  QT_QPA_PLATFORM=${QT_QPA_PLATFORM:-offscreen} build/release/bench/murmora-service-bench "$@"
+}
+
 # libFuzzer targets (clang, preset "fuzz"): SECONDS each (default 600), all or the named ones.
 fuzz() {
   local seconds=${1:-600}
@@ -127,6 +135,9 @@ usage: ./dev.sh COMMAND
            application "demo" on first run; prints its base URL, key and CA certificate
   bench    deps, then build and run the benchmarks (release preset) and print the table;
            options go to Google Benchmark (e.g. --benchmark_filter=encode), --smoke for one quick pass
+  bench service [--store sqlite|postgres|both] [--smoke] [--server-threads N] [--keep] ...
+           murmora-server on 1,000,000 threads: listing against nginx (wrk), ingest against
+           write+fsync, start-up; installs wrk and nginx-light; about 4 minutes
   fuzz     [SECONDS] [TARGET...]: build the libFuzzer targets (clang) and run each
            for SECONDS (600); new crash inputs land in fuzz/crashes
 USAGE
@@ -140,7 +151,17 @@ case "$cmd" in
   test) deps; build; run_tests "$@" ;;
   demo) deps; demo "$@" ;;
   server) deps; server "$@" ;;
-  bench) deps; bench "$@" ;;
+  bench)
+    if [ "${1:-}" = service ]; then
+      shift
+      PACKAGES+=(wrk nginx-light)
+      deps
+      bench_service "$@"
+    else
+      deps
+      bench "$@"
+    fi
+    ;;
   fuzz) PACKAGES+=(clang libclang-rt-14-dev); deps; fuzz "$@" ;;
   *) usage; exit 2 ;;
 esac
