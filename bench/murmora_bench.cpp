@@ -19,7 +19,7 @@
 #include "kit/QKView.h"
 #include "kit/QKViewController.h"
 #include "kit/QKWindow.h"
-#include "support/FakeService.h"
+#include "support/TestService.h"
 
 #include <benchmark/benchmark.h>
 
@@ -401,21 +401,21 @@ void openMenu(benchmark::State &state)
     QKFeedback::setDataSource({});
 }
 
-// ---- 5. End to end: five markers to the fake service
+// ---- 5. End to end: five markers to murmora-server
 
 struct Service
 {
-    FakeService fake;
+    TestService server;
     QSharedPointer<QKURLSession> session = QSharedPointer<QKURLSession>::create();
     std::unique_ptr<QKPlatformFeedbackSource> source;
 
     Service()
     {
-        if (!fake.listen())
-            qFatal("the fake service does not listen");
+        if (!server.start())
+            qFatal("the service does not start");
         session->addCaCertificates(FakeService::caCertificates());
-        source = std::make_unique<QKPlatformFeedbackSource>(QStringLiteral("KEY"), QStringLiteral("bench-device"),
-                                                            fake.baseUrl(), QVariantMap());
+        source = std::make_unique<QKPlatformFeedbackSource>(server.apiKey(), QStringLiteral("bench-device"),
+                                                            server.baseUrl(), QVariantMap());
         source->setSession(session);
         source->setUserName(QStringLiteral("Bench"));
     }
@@ -453,13 +453,13 @@ void endToEnd(benchmark::State &state)
         });
         QTimer::singleShot(120000, &loop, &QEventLoop::quit);
         if (!outcome->done)
-            loop.exec(); // the fake service answers on this thread
+            loop.exec(); // the completion is handed to this thread
         outcome->loop = nullptr;
         const bool done = outcome->done;
         const std::optional<QKError> failure = done ? outcome->error : std::nullopt;
         state.PauseTiming();
-        const qsizetype requests = service->fake.requests().size();
-        service->fake.clearRequests();
+        const qsizetype requests = service->server.requests().size();
+        service->server.clearRequests();
         if (!done || failure || requests != points.size()) {
             state.SkipWithError(qPrintable(QStringLiteral("the send did not complete: %1 requests%2")
                                                .arg(requests)
@@ -748,7 +748,7 @@ QList<Row> table(qint64 residentGrowth, qsizetype residentItems)
         e2e.ours = ours->ms, e2e.baseline = qt->ms, e2e.unit = QStringLiteral("ms");
         e2e.ratio = ours->ms / qt->ms;
         e2e.met = e2e.ratio <= 0.2;
-        e2e.note = QStringLiteral("HTTPS fake on 127.0.0.1");
+        e2e.note = QStringLiteral("murmora-server (SQLite) on 127.0.0.1");
     }
     rows << e2e;
     return rows;

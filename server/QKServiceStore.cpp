@@ -14,10 +14,15 @@ int QKServiceStore::schemaVersion()
 
 QString QKServiceStore::newIdentifier()
 {
-    quint32 words[4];
-    QRandomGenerator::system()->fillRange(words);
-    const QByteArray bytes(reinterpret_cast<const char *>(words), sizeof words);
-    return QString::fromLatin1(bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
+    // Never with a leading '-', which command lines would take for an option.
+    for (;;) {
+        quint32 words[4];
+        QRandomGenerator::system()->fillRange(words);
+        const QByteArray bytes(reinterpret_cast<const char *>(words), sizeof words);
+        const QByteArray text = bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
+        if (!text.startsWith('-'))
+            return QString::fromLatin1(text);
+    }
 }
 
 QString QKServiceStore::newerSchemaMessage(int found)

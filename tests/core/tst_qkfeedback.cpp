@@ -24,11 +24,10 @@
 #include "kit/QKTextField.h"
 #include "kit/QKWindow.h"
 #include "screens/QKFeedbackSettingsViewController.h"
-#include "support/FakeService.h"
 #include "support/ScreenDriver.h"
+#include "support/TestService.h"
 
 #include <QApplication>
-#include <QJsonArray>
 #include <QLineEdit>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -80,7 +79,7 @@ class TestFeedback : public QObject
 
     QTemporaryDir m_documents;
     QKWindow *m_window = nullptr;
-    FakeService m_service;
+    TestService m_service;
 
     void tapBarItem(QKBarButtonItem *item)
     {
@@ -141,7 +140,7 @@ private slots:
     {
         QKSetDocumentsDirectory(m_documents.path());
         QKAnimation::setAnimationsEnabled(false);
-        QVERIFY(m_service.listen());
+        QVERIFY(m_service.start());
         auto *host = new QKViewController;
         host->view()->setBackgroundColor(HostColour);
         m_window = ScreenDriver::phoneWindow(host);
@@ -356,11 +355,11 @@ private slots:
         QKFeedback::sharedInstance()->settings().insert(QStringLiteral("Name"), QStringLiteral(""));
         auto session = QSharedPointer<QKURLSession>::create();
         session->addCaCertificates(FakeService::caCertificates());
-        auto source = QSharedPointer<QKPlatformFeedbackSource>::create(QStringLiteral("APP"), QStringLiteral("device"),
-                                                                       m_service.baseUrl(), QVariantMap());
+        // A key the service does not know at first, so it refuses the items.
+        auto source = QSharedPointer<QKPlatformFeedbackSource>::create(
+            QStringLiteral("unknown"), QStringLiteral("device"), m_service.baseUrl(), QVariantMap());
         source->setSession(session);
         QKFeedback::setDataSource(source);
-        m_service.answerServiceError("POST", QStringLiteral("threads"), 507, QStringLiteral("Storage is full"), 200);
 
         QKFeedbackSendViewController *screen = nullptr;
         annotateAndSend(&screen);
@@ -372,7 +371,8 @@ private slots:
         tapView(m_window, name->continueButton());
 
         QTRY_COMPARE(QKAlertView::visibleAlerts().size(), 1);
-        QCOMPARE(QKAlertView::visibleAlerts().first()->message(), QStringLiteral("Storage is full"));
+        QCOMPARE(QKAlertView::visibleAlerts().first()->message(),
+                 TestService::message(QKServiceRefusal::UnknownApplication));
         QTRY_COMPARE(topScreen<QKFeedbackSendViewController>(), screen); // the name screen popped
         QVERIFY(QKFeedback::feedbackIsShown());
         const auto points = screen->surfaceView()->feedbackPoints();
@@ -389,19 +389,21 @@ private slots:
         QVERIFY(QKAlertView::visibleAlerts().isEmpty());
         QVERIFY(QKFeedback::feedbackIsShown());
 
-        // Then the service takes them: both items arrive, and the screens close silently.
-        m_service.clearAnswers();
-        m_service.clearRequests();
+        // Then, with the right key, the service takes them: both items arrive, and the
+        // screens close silently.
+        source->setApiKey(m_service.apiKey());
         tapBarItem(screen->navigationItem()->rightBarButtonItem());
         QTRY_VERIFY(!QKFeedback::feedbackIsShown());
         QVERIFY(QKAlertView::visibleAlerts().isEmpty());
-        const QJsonArray threads = m_service.threads(QStringLiteral("APP"));
+        const QList<QKServiceThread> threads = m_service.threads(R"({"Uid":"device"})");
         QCOMPARE(threads.size(), 2);
-        QCOMPARE(threads[0].toObject().value(QStringLiteral("Text")).toString(), QStringLiteral("Too small"));
-        QCOMPARE(threads[1].toObject().value(QStringLiteral("Author")).toString(), QStringLiteral("Ada"));
-        const QString uri =
-            threads[0].toObject().value(QStringLiteral("Image")).toObject().value(QStringLiteral("Uri")).toString();
-        QCOMPARE(QKPNGCodec::decode(m_service.storedImage(uri)).size(), QSize(1179, 2556));
+        for (const QKServiceThread &thread : threads) {
+            QCOMPARE(thread.author, QStringLiteral("Ada"));
+            QCOMPARE(QKPNGCodec::decode(m_service.store()->image(thread.imageId).value_or(QByteArray())).size(),
+                     QSize(1179, 2556));
+        }
+        QCOMPARE(QSet<QString>({threads[0].text, threads[1].text}),
+                 QSet<QString>({QStringLiteral("Too small"), QStringLiteral("Wrong colour")}));
         QKFeedback::feedbackSettings()->showFeedbackSentAlert = true;
     }
 };

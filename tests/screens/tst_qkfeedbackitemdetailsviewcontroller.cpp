@@ -1,6 +1,6 @@
 // The item details screen on a phone-size window, as the list screen shows it and as a
 // person uses it: loading, the item with its screenshot and comments, and sending a
-// comment to the fake service, with and without a name, failing, with the keyboard up.
+// comment to murmora-server, with and without a name, failing, with the keyboard up.
 
 #include "annotation/QKFeedbackTextView.h"
 #include "base/QKDeviceInfo.h"
@@ -27,8 +27,8 @@
 #include "screens/QKFeedbackItemImageTableViewCell.h"
 #include "screens/QKFeedbackItemTableViewCell.h"
 #include "screens/QKFeedbackSettingsViewController.h"
-#include "support/FakeService.h"
 #include "support/ScreenDriver.h"
+#include "support/TestService.h"
 
 #include <QApplication>
 #include <QJsonDocument>
@@ -36,8 +36,6 @@
 #include <QPainter>
 #include <QTemporaryDir>
 #include <QtTest>
-
-static const QString ApiKey = QStringLiteral("APP");
 
 using namespace ScreenDriver;
 
@@ -94,7 +92,7 @@ class TestItemDetailsViewController : public QObject
     Q_OBJECT
 
     QTemporaryDir m_documents;
-    FakeService m_service;
+    TestService m_service;
     QKWindow *m_window = nullptr;
     QKNavigationController *m_navigation = nullptr;
     QKFeedbackItemDetailsViewController *m_screen = nullptr;
@@ -113,15 +111,12 @@ class TestItemDetailsViewController : public QObject
         m_window->layoutIfNeeded();
     }
 
-    // An item stored on the fake service, with `comments` older comments and its screenshot.
+    // An item stored on the service, with `comments` older comments and its screenshot.
     QKFeedbackItemPtr hostedItem(const QKFeedbackItemList &comments = {})
     {
-        const QJsonObject thread =
-            m_service.addThread(ApiKey, {{QStringLiteral("Text"), QStringLiteral("The total on the receipt is wrong")},
-                                         {QStringLiteral("Uid"), QStringLiteral("device")}});
         auto item = QKFeedbackItem::create();
-        item->setKey(thread.value(QStringLiteral("Id")).toString());
-        item->setText(thread.value(QStringLiteral("Text")).toString());
+        item->setText(QStringLiteral("The total on the receipt is wrong"));
+        item->setKey(m_service.addThread(QStringLiteral("device"), item->text()));
         item->setState(QStringLiteral("Open"));
         item->setCreatedAt(QDateTime(QDate(2026, 11, 21), QTime(20, 34)));
         item->setImage(appScreenshot(QSize(393, 852)));
@@ -169,14 +164,14 @@ private slots:
         QKSetDocumentsDirectory(m_documents.path());
         QKDateFormatter::setLocaleForTesting(QStringLiteral("en_US"));
         QKAnimation::setAnimationsEnabled(false);
-        QVERIFY(m_service.listen());
+        QVERIFY(m_service.start());
     }
 
     void init()
     {
         auto session = QSharedPointer<QKURLSession>::create();
         session->addCaCertificates(FakeService::caCertificates());
-        m_source = QSharedPointer<QKPlatformFeedbackSource>::create(ApiKey, QStringLiteral("device"),
+        m_source = QSharedPointer<QKPlatformFeedbackSource>::create(m_service.apiKey(), QStringLiteral("device"),
                                                                     m_service.baseUrl(), QVariantMap());
         m_source->setSession(session);
         m_source->setUserName(QStringLiteral("Ada"));
@@ -192,7 +187,6 @@ private slots:
         delete m_window;
         m_window = nullptr;
         m_item.reset();
-        m_service.clearAnswers();
         m_service.clearRequests();
         QKAnimation::setAnimationsEnabled(false);
         QKDeviceInfo::setProviders(QKDeviceInfo::defaultProviders());
@@ -417,8 +411,10 @@ private slots:
 
     void failedSendShowsTheAlertAndKeepsWaiting()
     {
-        m_service.answerServiceError("POST", QStringLiteral("threads"), 507, QStringLiteral("Storage is full"), 200);
-        showLoaded(hostedItem());
+        // An item the service no longer has: it refuses the comment.
+        auto gone = hostedItem();
+        gone->setKey(QStringLiteral("deleted-meanwhile"));
+        showLoaded(gone);
         QKFeedbackTextView *bar = m_screen->textView();
         typeComment(QStringLiteral("Lost"));
         tapView(m_window, bar->sendButton());

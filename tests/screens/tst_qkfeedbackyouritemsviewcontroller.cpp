@@ -1,8 +1,7 @@
-// "Your feedback" end to end: paging through the fake service over real TLS, the pull,
+// "Your feedback" end to end: paging through murmora-server over real TLS, the pull,
 // filters, opening an item with its screenshot and comments, the local source, errors,
 // and pictures of the list and the details for a person to look at.
 
-#include "base/QKBase64.h"
 #include "base/QKDispatch.h"
 #include "base/QKDocumentsDirectory.h"
 #include "base/QKPNGCodec.h"
@@ -20,12 +19,10 @@
 #include "kit/QKWindow.h"
 #include "screens/QKFeedbackItemDetailsViewController.h"
 #include "screens/QKFeedbackYourItemsViewController.h"
-#include "support/FakeService.h"
 #include "support/ScreenDriver.h"
+#include "support/TestService.h"
 
 #include <QApplication>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QPainter>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -34,17 +31,16 @@ using namespace ScreenDriver;
 
 namespace {
 
-const QString Key = QStringLiteral("APP");
 const QString Device = QStringLiteral("device-1");
 
-QString screenshotBase64(const QColor &colour)
+QByteArray screenshot(const QColor &colour)
 {
     QImage image(120, 260, QImage::Format_RGB32);
     image.fill(colour);
     QPainter painter(&image);
     painter.fillRect(0, 0, 120, 30, QColor(52, 120, 246));
     painter.end();
-    return QKBase64::encodeWithLineBreaks(QKPNGCodec::encode(image));
+    return QKPNGCodec::encode(image);
 }
 
 // Counts the comment listings handed back to the main thread; the screen's own
@@ -83,14 +79,16 @@ class TestYourItems : public QObject
 
     QTemporaryDir m_documents;
     QKWindow *m_window = nullptr;
-    FakeService m_service;
+    TestService m_service;
+    FakeService m_fake;
     QString m_newestId;
 
     QSharedPointer<CountingSource> platformSource()
     {
         auto session = QSharedPointer<QKURLSession>::create();
         session->addCaCertificates(FakeService::caCertificates());
-        auto source = QSharedPointer<CountingSource>::create(Key, Device, m_service.baseUrl(), QVariantMap());
+        auto source =
+            QSharedPointer<CountingSource>::create(m_service.apiKey(), Device, m_service.baseUrl(), QVariantMap());
         source->setSession(session);
         return source;
     }
@@ -143,32 +141,30 @@ private slots:
     {
         QKSetDocumentsDirectory(m_documents.path());
         QKAnimation::setAnimationsEnabled(false);
-        QVERIFY(m_service.listen());
+        QVERIFY(m_service.start());
+        QVERIFY(m_fake.listen());
         // Resolved ones first, so that the newest of all is an open one; another device's
-        // items in between.
+        // items in between; a second apart, so the order is the service's, not chance.
+        qint64 at = QDateTime::currentMSecsSinceEpoch() - 3600000;
         for (int i = 1; i <= 5; ++i)
-            m_service.addThread(
-                Key, {{"Uid", Device}, {"Text", QStringLiteral("Resolved %1").arg(i)}, {"State", "Resolved"}});
+            m_service.addThread(Device, QStringLiteral("Resolved %1").arg(i), QStringLiteral("Resolved"), at += 1000);
         for (int i = 1; i <= 3; ++i)
-            m_service.addThread(
-                Key, {{"Uid", "device-2"}, {"Text", QStringLiteral("Not mine %1").arg(i)}, {"State", "Open"}});
-        for (int i = 1; i <= 45; ++i) {
-            const QJsonObject image{{"Filename", "nimbrel.png"},
-                                    {"ContentType", "image/png"},
-                                    {"base64", screenshotBase64(QColor::fromHsv(i * 7 % 360, 60, 240))}};
-            const QJsonObject thread = m_service.addThread(
-                Key,
-                {{"Uid", Device}, {"Text", QStringLiteral("Item %1").arg(i)}, {"State", "Open"}, {"Image", image}});
-            m_newestId = thread.value(QStringLiteral("Id")).toString();
-        }
+            m_service.addThread(QStringLiteral("device-2"), QStringLiteral("Not mine %1").arg(i));
+        for (int i = 1; i <= 45; ++i)
+            m_newestId = m_service.addThread(Device, QStringLiteral("Item %1").arg(i), QStringLiteral("Open"),
+                                             at += 1000, screenshot(QColor::fromHsv(i * 7 % 360, 60, 240)));
         for (const char *text : {"Older comment", "Newer comment"})
-            m_service.addThread(Key, {{"Uid", Device}, {"RootId", m_newestId}, {"Text", text}, {"Author", "Support"}});
+            m_service.addComment(m_newestId, QString::fromLatin1(text), at += 1000);
 
         m_window = ScreenDriver::phoneWindow(new QKViewController);
         QVERIFY(QTest::qWaitForWindowActive(m_window));
     }
     void cleanupTestCase() { delete m_window; }
-    void init() { m_service.clearRequests(); }
+    void init()
+    {
+        m_service.clearRequests();
+        m_fake.clearRequests();
+    }
 
     void pagesThroughTheService()
     {
@@ -203,6 +199,9 @@ private slots:
         QTRY_COMPARE(list->feedbackItems().size(), 5);
         QCOMPARE(m_service.requests().first().header("x-skip-meta"), QByteArray("0"));
         QVERIFY(m_service.requests().first().header("x-filter-meta").contains("{\"State\" : \"Resolved\"}"));
+        // Its last row shows at once, so it asks for the next page; that ends before the next filter.
+        QTRY_COMPARE(skips(), (QStringList{"0", "5"}));
+        QTRY_VERIFY(!list->showIndicator());
         m_service.clearRequests();
         tapSegment(list->itemsFilter(), 2);
         QTRY_COMPARE(list->feedbackItems().size(), 20);
@@ -236,19 +235,20 @@ private slots:
 
     void pullAppendsTheNextPage()
     {
-        // A first page of 19, which no page size explains: the pull must skip exactly those.
-        QJsonArray page;
-        const QJsonArray threads = m_service.threads(Key);
-        for (qsizetype i = threads.size() - 1; i >= 0 && page.size() < 19; --i)
-            if (threads[i][QStringLiteral("Text")].toString().startsWith(QStringLiteral("Item ")))
-                page.append(threads[i]);
-        FakeService::Answer first;
-        first.body = QJsonDocument(page).toJson(QJsonDocument::Compact);
-        m_service.answer("GET", QStringLiteral("threads"), first, 1);
-        QKFeedback::setDataSource(platformSource());
+        // A first page of 19, which no page size explains, then older items arrive at the
+        // service: the pull must skip exactly the 19.
+        const QString puller = QStringLiteral("puller");
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        for (int i = 0; i < 19; ++i)
+            m_service.addThread(puller, QStringLiteral("New %1").arg(i), QStringLiteral("Open"), now - i);
+        auto source = platformSource();
+        source->setUID(puller);
+        QKFeedback::setDataSource(source);
         QKFeedbackYourItemsViewController *list = openList();
         QVERIFY(list);
         QTRY_COMPARE(list->feedbackItems().size(), 19);
+        for (int i = 0; i < 25; ++i)
+            m_service.addThread(puller, QStringLiteral("Old %1").arg(i), QStringLiteral("Open"), now - 1000 - i);
 
         // Dragged down from near the table's top, well past the distance that starts a refresh.
         QSignalSpy pulled(list->refreshControl(), &QKRefreshControl::valueChanged);
@@ -261,37 +261,38 @@ private slots:
         QTest::mouseRelease(m_window->windowHandle(), Qt::LeftButton, {}, from + QPoint(0, 300));
         QTRY_COMPARE(list->feedbackItems().size(), 39);
         QCOMPARE(skips(), (QStringList{"0", "19"}));
-        QCOMPARE(list->feedbackItems().at(19)->text(), QStringLiteral("Item 26"));
+        QCOMPARE(list->feedbackItems().at(19)->text(), QStringLiteral("Old 0"));
         QTRY_VERIFY(!list->refreshControl()->isRefreshing());
         closeAll();
     }
 
     void firstPageError()
     {
-        QKFeedback::setDataSource(platformSource());
-        m_service.answerServiceError("GET", QStringLiteral("threads"), 107, QStringLiteral("Invalid key"), 200);
+        auto source = platformSource();
+        source->setApiKey(QStringLiteral("unknown"));
+        QKFeedback::setDataSource(source);
         QKFeedbackYourItemsViewController *list = openList();
         QVERIFY(list);
         QTRY_COMPARE(QKAlertView::visibleAlerts().size(), 1);
         QKAlertView *alert = QKAlertView::visibleAlerts().first();
         QCOMPARE(alert->title(), QStringLiteral("Wendax Platform"));
-        QCOMPARE(alert->message(), QStringLiteral("Invalid key"));
+        QCOMPARE(alert->message(), TestService::message(QKServiceRefusal::UnknownApplication));
         QCOMPARE(alert->buttonTitles(), QStringList{QStringLiteral("Cancel")});
         QVERIFY(list->itemsTableView()->isHidden() && list->noFeedbackLabel()->isHidden());
         alert->dismissWithClickedButtonIndex(0, false);
-        m_service.clearAnswers();
         closeAll();
     }
 
     void emptyAndLoading()
     {
+        // An answer that takes its time, which only the fake gives.
         auto source = platformSource();
-        source->setUID(QStringLiteral("nobody"));
+        source->setBaseURL(m_fake.baseUrl());
         QKFeedback::setDataSource(source);
         FakeService::Answer slow;
         slow.delayMs = 400;
         slow.body = "[]";
-        m_service.answer("GET", QStringLiteral("threads"), slow, 1);
+        m_fake.answer("GET", QStringLiteral("threads"), slow, 1);
         QKFeedbackYourItemsViewController *list = openList();
         QVERIFY(list);
         QVERIFY(list->itemsTableView()->isHidden());

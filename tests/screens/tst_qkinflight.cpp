@@ -3,7 +3,6 @@
 // and leave it alone. Every screen that asks the data source for something is opened,
 // made to ask, and closed the ways a host closes it, round after round.
 
-#include "base/QKBase64.h"
 #include "base/QKDispatch.h"
 #include "base/QKDocumentsDirectory.h"
 #include "base/QKPNGCodec.h"
@@ -142,7 +141,8 @@ class TestInFlight : public QObject
     QSharedPointer<CountingSource> m_source;
     QByteArray m_page, m_png;
 
-    // Every answer of the service waits `delayMs`; with `failing` the listing fails.
+    // Every answer of the fake waits `delayMs`, which a real service cannot be made to do;
+    // with `failing` the listing fails.
     void answerAfter(int delayMs, bool failing)
     {
         const auto after = [delayMs](int status, const QByteArray &body, const QByteArray &type) {
@@ -157,7 +157,7 @@ class TestInFlight : public QObject
         m_service.answer("GET", QStringLiteral("/threads"),
                          failing ? after(500, R"({"code":500,"message":"Down for a moment"})", "application/json")
                                  : after(200, m_page, "application/json"));
-        m_service.answer("GET", QStringLiteral("^/files/"), after(200, m_png, "image/png"));
+        m_service.answer("GET", QStringLiteral("^/images/"), after(200, m_png, "image/png"));
         m_service.answer("POST", QStringLiteral("/threads"),
                          after(200, R"({"Id":"c1","Text":"Seen","Author":"Ada","State":"Open"})", "application/json"));
     }
@@ -204,20 +204,15 @@ private slots:
         QVERIFY(m_service.listen());
         QImage shot(60, 120, QImage::Format_RGB32);
         shot.fill(QColor(52, 120, 246));
+        m_png = QKPNGCodec::encode(shot);
         QJsonArray page;
         // A page longer than the screen, so that only a pull asks for the next one.
-        for (int i = 1; i <= 20; ++i) {
-            const QJsonObject image{{"Filename", "shot.png"},
-                                    {"ContentType", "image/png"},
-                                    {"base64", QKBase64::encodeWithLineBreaks(QKPNGCodec::encode(shot))}};
-            page.append(m_service.addThread(
-                Key,
-                {{"Uid", Device}, {"Text", QStringLiteral("Item %1").arg(i)}, {"State", "Open"}, {"Image", image}}));
-        }
+        for (int i = 1; i <= 20; ++i)
+            page.append(QJsonObject{{"Id", QString::number(i)},
+                                    {"Text", QStringLiteral("Item %1").arg(i)},
+                                    {"State", "Open"},
+                                    {"Image", QJsonObject{{"Uri", m_service.origin() + QStringLiteral("/images/1")}}}});
         m_page = QJsonDocument(page).toJson(QJsonDocument::Compact);
-        const QString uri = page.first()["Image"]["Uri"].toString();
-        m_png = m_service.storedImage(uri);
-        QVERIFY(!m_png.isEmpty());
 
         auto session = QSharedPointer<QKURLSession>::create();
         session->addCaCertificates(FakeService::caCertificates());

@@ -1,13 +1,12 @@
 #pragma once
 
-// A fake of the hosted feedback service: an HTTPS server on 127.0.0.1 with an
-// in-memory thread store, recorded requests and canned answers. It runs on the
-// thread that created it; clients talk to it from other threads.
+// What a real service cannot play: an HTTPS server on 127.0.0.1 that answers with canned
+// answers (errors on demand, garbage, stalls, drops, oversized bodies, redirects) or an
+// untrusted certificate, and records every request. Anything not canned gets a plain
+// 404 error. It runs on the thread that created it; clients talk to it from other threads.
 
 #include <QByteArray>
 #include <QHash>
-#include <QJsonArray>
-#include <QJsonObject>
 #include <QList>
 #include <QMetaType>
 #include <QMutex>
@@ -28,7 +27,6 @@ struct RecordedRequest
     QByteArray target;
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
-    QByteArray head; // the request line and header lines as they arrived, CR LF included
     // Repeated headers are joined with ", ", as HTTP defines.
     QByteArray header(const QByteArray &name) const;
     bool hasHeader(const QByteArray &name) const;
@@ -68,22 +66,13 @@ public:
     };
     // The pattern is searched for anywhere in the raw target; anchor it with ^ and $ to match all of it.
     void answer(const QByteArray &method, const QString &targetPattern, const Answer &answer, int times = -1);
-    void answerServiceError(const QByteArray &method, const QString &targetPattern, int code, const QString &message,
-                            int status = 400);
     void clearAnswers();
-
-    QJsonArray threads(const QString &apiKey) const;
-    // An "Image" with "base64" is stored as a POST would store it.
-    QJsonObject addThread(const QString &apiKey, QJsonObject thread);
-    // Takes the whole "Uri" or only its path.
-    QByteArray storedImage(const QString &uriPath) const;
 
 signals:
     void requestReceived(const RecordedRequest &request);
 
 private:
     struct Connection;
-    struct Reply;
     struct CannedAnswer
     {
         QByteArray method;
@@ -95,18 +84,12 @@ private:
     void acceptConnections();
     void readRequests(QSslSocket *socket);
     void handle(QSslSocket *socket, RecordedRequest request);
-    void send(QSslSocket *socket, const Reply &reply);
+    void send(QSslSocket *socket, const Answer &reply);
     void pumpBody(QSslSocket *socket);
     void drip(QSslSocket *socket, const QByteArray &bytes, int intervalMs);
     void finishReply(QSslSocket *socket);
     void dropConnection(QSslSocket *socket);
     bool takeCannedAnswer(const RecordedRequest &request, Answer *answer);
-    Reply serve(const RecordedRequest &request);
-    Reply serveThreads(const RecordedRequest &request, const QString &apiKey, const QString &threadId);
-    QJsonObject storeThread(const QString &apiKey, QJsonObject thread, const QString &rootId);
-    void storeImage(QJsonObject &thread);
-    QString nextTimestamp();
-    QString nextId();
 
     Certificate m_certificate;
     QSslServer *m_server = nullptr;
@@ -115,8 +98,4 @@ private:
     mutable QMutex m_mutex;
     QList<RecordedRequest> m_requests;
     QList<CannedAnswer> m_answers;
-    QHash<QString, QList<QJsonObject>> m_threads;
-    QHash<QString, QByteArray> m_images; // Base64 letters
-    qint64 m_lastTimestampMs = 0;
-    quint32 m_idCounter = 0;
 };

@@ -3,6 +3,8 @@
 #include "QKService.h"
 
 #include <QDateTime>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMutexLocker>
 
 TestService::TestService(const QString &databaseUrl) : m_databaseUrl(databaseUrl)
@@ -69,29 +71,52 @@ QKServiceStore *TestService::store() const
     return m_service->store();
 }
 
-QString TestService::addThread(QKServiceThread thread, const QByteArray &png)
+namespace {
+
+QKServiceThread newThread(const QString &text, qint64 createdAt)
 {
-    if (thread.id.isNull())
-        thread.id = QKServiceStore::newIdentifier();
-    if (thread.createdAt == 0)
-        thread.createdAt = QDateTime::currentMSecsSinceEpoch();
-    if (thread.modifiedAt == 0)
-        thread.modifiedAt = thread.createdAt;
+    QKServiceThread t;
+    t.id = QKServiceStore::newIdentifier();
+    t.text = text;
+    t.createdAt = t.modifiedAt = createdAt ? createdAt : QDateTime::currentMSecsSinceEpoch();
+    return t;
+}
+
+} // namespace
+
+QString TestService::addThread(const QString &uid, const QString &text, const QString &state, qint64 createdAt,
+                               const QByteArray &png)
+{
+    QKServiceThread t = newThread(text, createdAt);
+    t.uid = uid;
+    t.state = state;
     if (!png.isEmpty())
-        thread.imageId = QKServiceStore::newIdentifier();
-    if (thread.rootId.isNull())
-        store()->insertThread(m_appId, thread, png, {}, {});
-    else
-        store()->insertComment(m_appId, thread, {}, {});
-    return thread.id;
+        t.imageId = QKServiceStore::newIdentifier();
+    store()->insertThread(m_appId, t, png, {}, {});
+    return t.id;
+}
+
+QString TestService::addComment(const QString &rootId, const QString &text, qint64 createdAt)
+{
+    QKServiceThread t = newThread(text, createdAt);
+    t.rootId = rootId;
+    t.uid = QStringLiteral("support");
+    t.author = QStringLiteral("Support");
+    store()->insertComment(m_appId, t, {}, {});
+    return t.id;
 }
 
 QList<QKServiceThread> TestService::threads(const QByteArray &filter) const
 {
     QKThreadPage page;
-    page.filter = *QKFilterQuery::parse(filter);
+    page.filter = QKFilterQuery::parse(filter).value();
     page.limit = 1000;
     return store()->threads(m_appId, page);
+}
+
+QString TestService::message(QKServiceRefusal refusal)
+{
+    return QJsonDocument::fromJson(QKServiceRoutes::refusal(refusal).body)[QLatin1String("message")].toString();
 }
 
 QList<RecordedRequest> TestService::requests() const

@@ -7,6 +7,7 @@
 
 #include "support/FakeService.h"
 
+#include "QKServiceRoutes.h"
 #include "QKServiceStore.h"
 
 #include <QMutex>
@@ -31,12 +32,17 @@ public:
     QString apiKey() const { return m_apiKey; }
     QString addApplication(const QString &name);
     QKServiceStore *store() const;
-    // Stores `thread` for the application as the service would (a comment when `rootId`
-    // is set), with `png` as its screenshot; an unset id or creation time is made up.
-    // Returns the id.
-    QString addThread(QKServiceThread thread, const QByteArray &png = {});
+    // An item of device `uid` as the service stores it, created at `createdAt` (0: now),
+    // with `png` as its screenshot; returns its id.
+    QString addThread(const QString &uid, const QString &text, const QString &state = QStringLiteral("Open"),
+                      qint64 createdAt = 0, const QByteArray &png = {});
+    // A comment on item `rootId`; returns its id.
+    QString addComment(const QString &rootId, const QString &text, qint64 createdAt = 0);
     // The application's threads that match `filter` (the service's filter language), newest first.
     QList<QKServiceThread> threads(const QByteArray &filter) const;
+
+    // The text the service answers a refusal with, which the app shows.
+    static QString message(QKServiceRefusal refusal);
 
     QList<RecordedRequest> requests() const;
     void clearRequests();
