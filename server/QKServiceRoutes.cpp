@@ -337,6 +337,20 @@ std::optional<QJsonObject> readObject(const QByteArray &body)
     return value->toObject();
 }
 
+// What a new item's and a new comment's requests share: the idempotency key, a JSON
+// object for a body, the sender's fields.
+std::optional<QKServiceRefusal> readPost(const QKServiceRequest &request, const QStringList &own, QString *key,
+                                         QJsonObject *body, QKServiceThread &t)
+{
+    if (auto refused = readIdempotencyKey(request, key))
+        return refused;
+    auto object = readObject(request.body);
+    if (!object)
+        return QKServiceRefusal::UnreadableBody;
+    *body = std::move(*object);
+    return readSender(*body, own, t);
+}
+
 } // namespace
 
 QByteArray QKServiceRequest::header(QByteArrayView name) const
@@ -432,18 +446,14 @@ QKServiceResponse QKServiceRoutes::handle(const QKServiceRequest &request) const
 QKServiceResponse QKServiceRoutes::postThread(qint64 appId, const QKServiceRequest &request) const
 {
     QString idempotencyKey;
-    if (auto refused = readIdempotencyKey(request, &idempotencyKey))
-        return refusal(*refused);
-    const auto body = readObject(request.body);
-    if (!body)
-        return refusal(QKServiceRefusal::UnreadableBody);
+    QJsonObject body;
     QKServiceThread t;
     static const QStringList own{QStringLiteral("Text"), QStringLiteral("Uid"), QStringLiteral("Author"),
                                  QStringLiteral("SystemInfo"), QStringLiteral("Image")};
-    if (auto refused = readSender(*body, own, t))
+    if (auto refused = readPost(request, own, &idempotencyKey, &body, t))
         return refusal(*refused);
     QByteArray png;
-    const QJsonValue image = body->value(QLatin1String("Image"));
+    const QJsonValue image = body.value(QLatin1String("Image"));
     if (!image.isUndefined() && !image.isNull()) {
         const QJsonValue base64 = image.toObject().value(QLatin1String("base64"));
         if (!image.isObject() || !(base64.isUndefined() || base64.isString()))
@@ -465,15 +475,11 @@ QKServiceResponse QKServiceRoutes::postComment(qint64 appId, const QString &thre
                                                const QKServiceRequest &request) const
 {
     QString idempotencyKey;
-    if (auto refused = readIdempotencyKey(request, &idempotencyKey))
-        return refusal(*refused);
-    const auto body = readObject(request.body);
-    if (!body)
-        return refusal(QKServiceRefusal::UnreadableBody);
+    QJsonObject body;
     QKServiceThread t;
     static const QStringList own{QStringLiteral("Text"), QStringLiteral("Uid"), QStringLiteral("Author"),
                                  QStringLiteral("SystemInfo")};
-    if (auto refused = readSender(*body, own, t))
+    if (auto refused = readPost(request, own, &idempotencyKey, &body, t))
         return refusal(*refused);
     t.id = QKServiceStore::newIdentifier();
     t.rootId = threadId;
