@@ -82,8 +82,8 @@ demo() {
     # Against the service of ./dev.sh server, started here for the demo's length when it is not running.
     if ! (exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null; then
       "build/$preset/server/murmora-server" --data "$SERVER_DATA" >"$SERVER_DATA/demo-server.out" 2>"$SERVER_DATA/demo-server.log" &
-      local pid=$!
-      trap 'kill $pid 2>/dev/null; wait $pid 2>/dev/null' EXIT
+      DEMO_SERVER_PID=$!
+      trap 'kill "$DEMO_SERVER_PID" 2>/dev/null; wait "$DEMO_SERVER_PID" 2>/dev/null' EXIT
       for _ in $(seq 100); do grep -q "listening" "$SERVER_DATA/demo-server.out" 2>/dev/null && break; sleep 0.1; done
     fi
     set -- --service "$SERVER_URL" --key "$key" --uid "demo-device" --ca "$SERVER_DATA/tls/ca.pem" "$@"

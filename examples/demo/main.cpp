@@ -36,8 +36,14 @@ void printStored(const QKFeedbackDataSourcePtr &source)
         }
         std::printf("Stored feedback (%lld items):\n", static_cast<long long>(items->size()));
         for (const auto &item : *items) {
-            std::printf("  [%s] \"%s\", screenshot %dx%d pixels\n", qPrintable(item->state()), qPrintable(item->text()),
-                        item->image().width(), item->image().height());
+            // A service lists screenshots by address; the local source has them at hand.
+            const QString uri = item->params().value(QStringLiteral("ImageUri")).toString();
+            if (!uri.isEmpty())
+                std::printf("  [%s] \"%s\", screenshot at %s\n", qPrintable(item->state()), qPrintable(item->text()),
+                            qPrintable(uri));
+            else
+                std::printf("  [%s] \"%s\", screenshot %dx%d pixels\n", qPrintable(item->state()),
+                            qPrintable(item->text()), item->image().width(), item->image().height());
             for (const auto &comment : item->subItems().value_or(QKFeedbackItemList()))
                 std::printf("      comment: \"%s\"\n", qPrintable(comment->text()));
         }
