@@ -506,10 +506,9 @@ QList<QKServiceThread> QKPostgresStore::threads(qint64 appId, const QKThreadPage
 {
     QVariantList parameters{appId};
     const QString condition = page.filter.toSql(QKFilterQuery::Dialect::PostgreSQL, parameters);
-    const QByteArray sql = QStringLiteral("SELECT id, root_id, uid, text, author, state, created_at, modified_at,"
-                                          " system_info, parameters, image_id, comments FROM threads"
-                                          " WHERE app_id = $1 AND %1 ORDER BY %2 LIMIT $%3 OFFSET $%4")
-                               .arg(condition, QKFilterQuery::orderBy(page.sort))
+    const QByteArray sql = QStringLiteral("SELECT %1 FROM threads WHERE app_id = $1 AND %2 ORDER BY %3 LIMIT $%4"
+                                          " OFFSET $%5")
+                               .arg(QLatin1String(ThreadColumns), condition, QKFilterQuery::orderBy(page.sort))
                                .arg(parameters.size() + 1)
                                .arg(parameters.size() + 2)
                                .toUtf8();
@@ -522,20 +521,16 @@ QList<QKServiceThread> QKPostgresStore::threads(qint64 appId, const QKThreadPage
     QList<QKServiceThread> list;
     list.reserve(r.rows());
     for (int row = 0; row < r.rows(); ++row) {
-        QKServiceThread t;
-        t.id = r.string(row, 0);
-        t.rootId = r.string(row, 1);
-        t.uid = r.string(row, 2);
-        t.text = r.string(row, 3);
-        t.author = r.string(row, 4);
-        t.state = r.string(row, 5);
-        t.createdAt = r.number(row, 6);
-        t.modifiedAt = r.number(row, 7);
-        t.systemInfo = r.bytes(row, 8);
-        t.parameters = r.bytes(row, 9);
-        t.imageId = r.string(row, 10);
-        t.comments = r.number(row, 11);
-        list.append(std::move(t));
+        // One row of the result, as readThread reads columns.
+        struct Column
+        {
+            const Result &r;
+            int row;
+            QString string(int c) const { return r.string(row, c); }
+            QByteArray bytes(int c) const { return r.bytes(row, c); }
+            qint64 number(int c) const { return r.number(row, c); }
+        };
+        list.append(readThread(Column{r, row}));
     }
     return list;
 }

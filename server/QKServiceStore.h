@@ -69,6 +69,29 @@ struct QKThreadPage
 class QKServiceStore
 {
 public:
+    // The columns a listing selects, in the order `readThread` takes them.
+    static constexpr const char *ThreadColumns = "id, root_id, uid, text, author, state, created_at, modified_at,"
+                                                 " system_info, parameters, image_id, comments";
+    // One row of those columns; `column` has string(i), bytes(i) and number(i).
+    template <class Column>
+    static QKServiceThread readThread(const Column &column)
+    {
+        QKServiceThread t;
+        t.id = column.string(0);
+        t.rootId = column.string(1);
+        t.uid = column.string(2);
+        t.text = column.string(3);
+        t.author = column.string(4);
+        t.state = column.string(5);
+        t.createdAt = column.number(6);
+        t.modifiedAt = column.number(7);
+        t.systemInfo = column.bytes(8);
+        t.parameters = column.bytes(9);
+        t.imageId = column.string(10);
+        t.comments = column.number(11);
+        return t;
+    }
+
     virtual ~QKServiceStore();
 
     // "postgresql://…" (or "postgres://…") opens PostgreSQL; anything else must be empty

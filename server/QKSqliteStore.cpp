@@ -475,32 +475,17 @@ QList<QKServiceThread> QKSqliteStore::threads(qint64 appId, const QKThreadPage &
 {
     QVariantList parameters{appId};
     const QString sql =
-        QStringLiteral("SELECT id, root_id, uid, text, author, state, created_at, modified_at,"
-                       " system_info, parameters, image_id, comments FROM threads"
-                       " WHERE app_id = ? AND %1 ORDER BY %2 LIMIT ? OFFSET ?")
-            .arg(page.filter.toSql(QKFilterQuery::Dialect::SQLite, parameters), QKFilterQuery::orderBy(page.sort));
+        QStringLiteral("SELECT %1 FROM threads WHERE app_id = ? AND %2 ORDER BY %3 LIMIT ? OFFSET ?")
+            .arg(QLatin1String(ThreadColumns), page.filter.toSql(QKFilterQuery::Dialect::SQLite, parameters),
+                 QKFilterQuery::orderBy(page.sort));
     parameters << qint64(page.limit) << page.skip;
     Lease c(this);
     Query q(c, sql, false);
     for (const QVariant &p : std::as_const(parameters))
         q.bind(p);
     QList<QKServiceThread> list;
-    while (q.next()) {
-        QKServiceThread t;
-        t.id = q.string(0);
-        t.rootId = q.string(1);
-        t.uid = q.string(2);
-        t.text = q.string(3);
-        t.author = q.string(4);
-        t.state = q.string(5);
-        t.createdAt = q.number(6);
-        t.modifiedAt = q.number(7);
-        t.systemInfo = q.bytes(8);
-        t.parameters = q.bytes(9);
-        t.imageId = q.string(10);
-        t.comments = q.number(11);
-        list.append(std::move(t));
-    }
+    while (q.next())
+        list.append(readThread(q));
     return list;
 }
 
