@@ -8,7 +8,7 @@ PACKAGES=(
   qt6-base-dev qt6-base-dev-tools qt6-httpserver-dev qt6-websockets-dev
   qt6-sensors-dev qt6-tools-dev qt6-l10n-tools
   libplist-dev libplist-utils libisal-dev libdeflate-dev libpng-dev libicu-dev libbenchmark-dev libssl-dev
-  libboost-dev libsqlite3-dev libpq-dev postgresql-15
+  libboost-dev libsqlite3-dev libpq-dev libcurl4-openssl-dev postgresql-15 libsodium-dev
   openssl ca-certificates xvfb xauth fonts-dejavu-core fonts-liberation strace
 )
 

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -197,6 +198,12 @@ private:
                                     QByteArray(field.value().data(), qsizetype(field.value().size()))});
         request.body = QByteArray(message.body().data(), qsizetype(message.body().size()));
         std::string().swap(message.body());
+        {
+            beast::error_code ignored;
+            const auto endpoint = derived().lowest().socket().remote_endpoint(ignored);
+            if (!ignored)
+                request.peer = QByteArray::fromStdString(endpoint.address().to_string());
+        }
         const bool keepAlive = message.keep_alive();
         QKServiceResponse response;
         try {
@@ -239,6 +246,8 @@ private:
 
     void send(QKServiceResponse response, bool keepAlive)
     {
+        if (response.stream)
+            return openStream(std::move(response));
         busy = true;
         auto message =
             std::make_shared<http::response<http::string_body>>(http::int_to_status(unsigned(response.status)), 11);
@@ -261,9 +270,100 @@ private:
                           });
     }
 
+    // Headers, then whatever the stream's writer queues, until either side closes. The
+    // connection counts as idle, so a drain closes it.
+    void openStream(QKServiceResponse response)
+    {
+        busy = false;
+        auto header =
+            std::make_shared<http::response<http::empty_body>>(http::int_to_status(unsigned(response.status)), 11);
+        header->set(http::field::content_type,
+                    beast::string_view(response.contentType.constData(), size_t(response.contentType.size())));
+        header->set("X-Content-Type-Options", "nosniff");
+        for (const auto &h : std::as_const(response.headers))
+            header->set(beast::string_view(h.first.constData(), size_t(h.first.size())),
+                        beast::string_view(h.second.constData(), size_t(h.second.size())));
+        header->keep_alive(false); // the body ends when the connection does
+        auto serializer = std::make_shared<http::response_serializer<http::empty_body>>(*header);
+        derived().lowest().expires_after(milliseconds(options().writeTimeoutMs));
+        http::async_write_header(derived().stream(), *serializer,
+                                 [self = derived().shared_from_this(), header, serializer,
+                                  attach = std::move(response.stream)](beast::error_code ec, std::size_t) {
+                                     if (ec)
+                                         return self->closeStream();
+                                     auto stream = std::make_shared<Stream>(self);
+                                     self->readUntilClosed();
+                                     attach(stream);
+                                 });
+    }
+
+    // A streamed answer's reader sends nothing more; reading tells when it goes.
+    void readUntilClosed()
+    {
+        buffer.consume(buffer.size());
+        derived().stream().async_read_some(buffer.prepare(512),
+                                           [self = derived().shared_from_this()](beast::error_code ec, std::size_t) {
+                                               if (ec) {
+                                                   self->streamClosed = true;
+                                                   return self->closeStream();
+                                               }
+                                               self->readUntilClosed();
+                                           });
+    }
+
+    class Stream : public QKResponseStream
+    {
+    public:
+        explicit Stream(const std::shared_ptr<Derived> &session) : session(session) {}
+        bool write(const QByteArray &bytes) override
+        {
+            auto s = session.lock();
+            if (!s || s->streamClosed)
+                return false;
+            net::post(s->stream().get_executor(), [s, bytes] { s->queueWrite(bytes); });
+            return true;
+        }
+
+    private:
+        std::weak_ptr<Derived> session;
+    };
+
+    void queueWrite(const QByteArray &bytes)
+    {
+        if (streamClosed)
+            return;
+        queuedBytes += bytes.size();
+        if (queuedBytes > 1024 * 1024) { // a reader this far behind is not reading
+            streamClosed = true;
+            return derived().closeStream();
+        }
+        pending.push_back(bytes);
+        if (pending.size() == 1)
+            writeNext();
+    }
+    void writeNext()
+    {
+        // Each write renews the deadline, so heartbeats keep a healthy stream open.
+        derived().lowest().expires_after(milliseconds(options().writeTimeoutMs));
+        net::async_write(derived().stream(), net::buffer(pending.front().constData(), size_t(pending.front().size())),
+                         [self = derived().shared_from_this()](beast::error_code ec, std::size_t) {
+                             if (ec) {
+                                 self->streamClosed = true;
+                                 return self->closeStream();
+                             }
+                             self->queuedBytes -= self->pending.front().size();
+                             self->pending.pop_front();
+                             if (!self->pending.empty())
+                                 self->writeNext();
+                         });
+    }
+
 protected:
     QKHttpServer::Private *server;
     beast::flat_buffer buffer;
+    std::atomic<bool> streamClosed{false};
+    std::deque<QByteArray> pending;
+    qint64 queuedBytes = 0;
     std::optional<http::request_parser<http::string_body>> parser;
     bool busy = false;
 

@@ -32,6 +32,30 @@ const char *const Migrations[] = {
     "CREATE TABLE answers (app_id BIGINT NOT NULL, key TEXT COLLATE \"C\" NOT NULL, created_at BIGINT NOT NULL,"
     " body BYTEA NOT NULL, PRIMARY KEY (app_id, key));"
     "CREATE INDEX answers_age ON answers (created_at);",
+    // 2: the dashboard: members and their sessions, who sees which application, what each
+    // member has read, webhooks and their deliveries, full-text search.
+    "ALTER TABLE threads ADD COLUMN member_id BIGINT;"
+    "CREATE INDEX threads_inbox ON threads (app_id, created_at, id) WHERE root_id IS NULL;"
+    "CREATE INDEX threads_words ON threads USING GIN (to_tsvector('simple', coalesce(text, '')));"
+    "CREATE TABLE members (id BIGSERIAL PRIMARY KEY, name TEXT COLLATE \"C\" NOT NULL UNIQUE,"
+    " password_hash TEXT NOT NULL, admin INTEGER NOT NULL DEFAULT 0, created_at BIGINT NOT NULL);"
+    "CREATE TABLE sessions (token_hash TEXT COLLATE \"C\" PRIMARY KEY,"
+    " member_id BIGINT NOT NULL REFERENCES members(id) ON DELETE CASCADE, csrf TEXT NOT NULL,"
+    " created_at BIGINT NOT NULL, expires_at BIGINT NOT NULL);"
+    "CREATE INDEX sessions_expiry ON sessions (expires_at);"
+    "CREATE TABLE memberships (app_id BIGINT NOT NULL REFERENCES apps(id) ON DELETE CASCADE,"
+    " member_id BIGINT NOT NULL REFERENCES members(id) ON DELETE CASCADE, PRIMARY KEY (app_id, member_id));"
+    "CREATE TABLE reads (member_id BIGINT NOT NULL REFERENCES members(id) ON DELETE CASCADE,"
+    " thread_id TEXT COLLATE \"C\" NOT NULL, seen_at BIGINT NOT NULL, PRIMARY KEY (member_id, thread_id));"
+    "CREATE TABLE webhooks (id BIGSERIAL PRIMARY KEY, app_id BIGINT NOT NULL REFERENCES apps(id) ON DELETE CASCADE,"
+    " url TEXT NOT NULL, secret TEXT NOT NULL, created_at BIGINT NOT NULL);"
+    "CREATE INDEX webhooks_app ON webhooks (app_id);"
+    "CREATE TABLE deliveries (id BIGSERIAL PRIMARY KEY,"
+    " webhook_id BIGINT NOT NULL REFERENCES webhooks(id) ON DELETE CASCADE, event TEXT NOT NULL,"
+    " payload TEXT NOT NULL, status TEXT NOT NULL, attempts INTEGER NOT NULL DEFAULT 0, next_at BIGINT,"
+    " response_status INTEGER, error TEXT, created_at BIGINT NOT NULL, delivered_at BIGINT);"
+    "CREATE INDEX deliveries_due ON deliveries (status, next_at);"
+    "CREATE INDEX deliveries_webhook ON deliveries (webhook_id, id);",
 };
 
 // "murmora" in ASCII: the advisory lock that queues the migrations of processes starting together.
@@ -147,7 +171,12 @@ public:
             return null();
         case QMetaType::Int:
         case QMetaType::LongLong:
+        case QMetaType::Bool:
             return integer(value.toLongLong());
+        case QMetaType::Double:
+            return add(QByteArray::number(value.toDouble(), 'g', 17), 0);
+        case QMetaType::QByteArray:
+            return bytes(value.toByteArray());
         default:
             return text(value.toString());
         }
@@ -202,6 +231,49 @@ public:
         return QByteArray(PQgetvalue(r, row, column), PQgetlength(r, row, column));
     }
     qint64 number(int row, int column) const { return std::strtoll(PQgetvalue(r, row, column), nullptr, 10); }
+    // Any column of a text-format result, by its type.
+    QVariant value(int row, int column) const
+    {
+        if (isNull(row, column))
+            return {};
+        switch (PQftype(r, column)) {
+        case 16: // bool
+            return qint64(PQgetvalue(r, row, column)[0] == 't');
+        case 20: // int8
+        case 21: // int2
+        case 23: // int4
+            return number(row, column);
+        case 700:  // float4
+        case 701:  // float8
+        case 1700: // numeric
+            return std::strtod(PQgetvalue(r, row, column), nullptr);
+        case 17: { // bytea, as \x hex in text results
+            size_t length = 0;
+            unsigned char *raw =
+                PQunescapeBytea(reinterpret_cast<const unsigned char *>(PQgetvalue(r, row, column)), &length);
+            if (!raw)
+                throw QKServiceStoreError("PostgreSQL gave bytea that cannot be read.");
+            const QByteArray bytes(reinterpret_cast<const char *>(raw), qsizetype(length));
+            PQfreemem(raw);
+            return bytes;
+        }
+        default:
+            return string(row, column);
+        }
+    }
+    QKSqlRows all() const
+    {
+        QKSqlRows list;
+        const int columns = PQnfields(r);
+        for (int row = 0; row < rows(); ++row) {
+            QVariantList values;
+            values.reserve(columns);
+            for (int column = 0; column < columns; ++column)
+                values.append(value(row, column));
+            list.append(values);
+        }
+        return list;
+    }
 
 private:
     PGresult *r;
@@ -593,4 +665,45 @@ void QKPostgresStore::forgetAnswers(qint64 olderThan)
 {
     Lease c(this);
     exec(c, "DELETE FROM answers WHERE created_at < $1", Params().integer(olderThan));
+}
+
+QKFilterQuery::Dialect QKPostgresStore::dialect() const
+{
+    return QKFilterQuery::Dialect::PostgreSQL;
+}
+
+namespace {
+
+// '?' placeholders numbered as $1, $2, …; the dashboard's statements hold no '?' of their own.
+QKSqlRows run(Connection *c, const QString &sql, const QVariantList &parameters)
+{
+    QByteArray numbered;
+    numbered.reserve(sql.size() + 16);
+    int n = 0;
+    for (const char ch : sql.toUtf8()) {
+        if (ch == '?')
+            numbered += '$' + QByteArray::number(++n);
+        else
+            numbered += ch;
+    }
+    Params p;
+    for (const QVariant &value : parameters)
+        p.variant(value);
+    return exec(c, numbered.constData(), p).all();
+}
+
+} // namespace
+
+QKSqlRows QKPostgresStore::query(const QString &sql, const QVariantList &parameters)
+{
+    Lease c(this);
+    return run(c, sql, parameters);
+}
+
+void QKPostgresStore::transaction(const std::function<void(const QKSql &run)> &work)
+{
+    Lease c(this);
+    Transaction transaction(c);
+    work([&c](const QString &sql, const QVariantList &parameters) { return run(c, sql, parameters); });
+    transaction.commit();
 }

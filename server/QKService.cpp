@@ -74,7 +74,7 @@ void QKService::start()
         [this](const QKServiceRequest &request) {
             if (m_options.observer)
                 m_options.observer(request);
-            return m_routes->handle(request);
+            return QKDashboard::serves(request.target) ? m_dashboard->handle(request) : m_routes->handle(request);
         },
         logger);
     m_http->bind();
@@ -83,7 +83,14 @@ void QKService::start()
         m_publicUrl.chop(1);
     if (m_publicUrl.isEmpty())
         m_publicUrl = listeningUrl().chopped(int(std::strlen("/feedback/api/v1")));
-    m_routes = std::make_unique<QKServiceRoutes>(m_store.get(), m_publicUrl);
+    QKWebhookOptions hooks;
+    hooks.firstRetryMs = m_options.webhookFirstRetryMs;
+    m_webhooks = std::make_unique<QKWebhooks>(m_store.get(), hooks);
+    m_webhookSubscription =
+        m_events.subscribe([webhooks = m_webhooks.get()](const QKServiceEvent &event) { webhooks->publish(event); });
+    m_dashboard = std::make_unique<QKDashboard>(m_store.get(), &m_events, m_webhooks.get());
+    m_routes = std::make_unique<QKServiceRoutes>(m_store.get(), m_publicUrl, &m_events);
+    m_webhooks->start();
     m_http->start();
     m_cleaner = std::thread([this] { forgetOldAnswers(); });
 }
@@ -94,9 +101,15 @@ void QKService::forgetOldAnswers()
     while (!m_stopping) {
         lock.unlock();
         try {
-            m_store->forgetAnswers(QDateTime::currentMSecsSinceEpoch() - 24 * 3600 * 1000);
+            const qint64 now = QDateTime::currentMSecsSinceEpoch();
+            m_store->forgetAnswers(now - 24 * 3600 * 1000);
+            // The delivery log keeps a month of finished deliveries.
+            m_store->transaction([now](const QKSql &sql) {
+                sql(QStringLiteral("DELETE FROM deliveries WHERE status <> 'pending' AND created_at < ?"),
+                    {now - 30LL * 24 * 3600 * 1000});
+            });
         } catch (const QKServiceStoreError &error) {
-            std::fprintf(stderr, "Cannot drop old idempotency answers: %s\n", error.what());
+            std::fprintf(stderr, "Cannot drop old idempotency answers and deliveries: %s\n", error.what());
         }
         lock.lock();
         m_cleanerWake.wait_for(lock, std::chrono::hours(1), [this] { return m_stopping; });
@@ -105,8 +118,16 @@ void QKService::forgetOldAnswers()
 
 void QKService::stop()
 {
+    if (m_dashboard)
+        m_dashboard->stop();
     if (m_http)
         m_http->stop();
+    if (m_webhooks)
+        m_webhooks->stop();
+    if (m_webhookSubscription) {
+        m_events.unsubscribe(*m_webhookSubscription);
+        m_webhookSubscription.reset();
+    }
     {
         std::lock_guard lock(m_cleanerMutex);
         m_stopping = true;
@@ -116,6 +137,8 @@ void QKService::stop()
         m_cleaner.join();
     m_http.reset();
     m_routes.reset();
+    m_dashboard.reset();
+    m_webhooks.reset();
     m_store.reset();
 }
 
@@ -165,4 +188,9 @@ QString QKService::madeCaFile() const
 QKServiceStore *QKService::store() const
 {
     return m_store.get();
+}
+
+QKDashboard *QKService::dashboard() const
+{
+    return m_dashboard.get();
 }

@@ -3,9 +3,12 @@
 // The whole service in one object: store, TLS, routes and HTTP. murmora-server runs
 // one; tests run one in process.
 
+#include "QKDashboard.h"
 #include "QKHttpServer.h"
+#include "QKServiceEvents.h"
 #include "QKServiceRoutes.h"
 #include "QKServiceStore.h"
+#include "QKWebhooks.h"
 
 #include <QString>
 
@@ -13,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 struct QKServiceOptions
@@ -26,6 +30,7 @@ struct QKServiceOptions
     bool insecureHttp = false;
     QKHttpServerOptions http; // limits; host, port and TLS files come from the fields above
     bool logRequests = true;  // one line per request on standard error
+    qint64 webhookFirstRetryMs = 30000;
     // Called on a worker thread with each request before it is served (tests, debugging).
     std::function<void(const QKServiceRequest &)> observer;
 };
@@ -56,6 +61,7 @@ public:
     // The CA clients must trust when the service made its own certificate, else empty.
     QString madeCaFile() const;
     QKServiceStore *store() const;
+    QKDashboard *dashboard() const;
 
     // "HOST:PORT" or "[v6]:PORT"; false when it is not that.
     static bool parseListen(const QString &text, QString *host, quint16 *port);
@@ -65,6 +71,10 @@ private:
 
     QKServiceOptions m_options;
     std::unique_ptr<QKServiceStore> m_store;
+    QKServiceEvents m_events;
+    std::unique_ptr<QKWebhooks> m_webhooks;
+    std::optional<QKServiceEvents::Subscription> m_webhookSubscription;
+    std::unique_ptr<QKDashboard> m_dashboard;
     std::unique_ptr<QKServiceRoutes> m_routes;
     std::unique_ptr<QKHttpServer> m_http;
     QString m_host;

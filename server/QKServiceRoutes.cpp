@@ -1,5 +1,6 @@
 #include "QKServiceRoutes.h"
 #include "QKJsonReader.h"
+#include "QKServiceEvents.h"
 #include "QKServiceStore.h"
 
 #include "base/QKBase64.h"
@@ -361,9 +362,15 @@ QByteArray QKServiceRequest::header(QByteArrayView name) const
     return {};
 }
 
-QKServiceRoutes::QKServiceRoutes(QKServiceStore *store, const QString &publicUrl)
-    : m_store(store), m_imageBase(publicUrl + QLatin1String("/feedback/api/v1/images/"))
+QKServiceRoutes::QKServiceRoutes(QKServiceStore *store, const QString &publicUrl, QKServiceEvents *events)
+    : m_store(store), m_imageBase(publicUrl + QLatin1String("/feedback/api/v1/images/")), m_events(events)
 {}
+
+void QKServiceRoutes::publish(const QKServiceEvent &event) const
+{
+    if (m_events)
+        m_events->publish(event);
+}
 
 int QKServiceRoutes::code(QKServiceRefusal refusal)
 {
@@ -468,7 +475,10 @@ QKServiceResponse QKServiceRoutes::postThread(qint64 appId, const QKServiceReque
     t.id = QKServiceStore::newIdentifier();
     t.state = Open;
     t.createdAt = t.modifiedAt = now();
-    return stored(m_store->insertThread(appId, t, png, idempotencyKey, answerObject(t, m_imageBase)));
+    const QKStoredAnswer answer = m_store->insertThread(appId, t, png, idempotencyKey, answerObject(t, m_imageBase));
+    if (answer.outcome == QKStoredAnswer::Outcome::Stored)
+        publish({QKServiceEvent::Kind::Created, appId, t.id, {}, true});
+    return stored(answer);
 }
 
 QKServiceResponse QKServiceRoutes::postComment(qint64 appId, const QString &threadId,
@@ -487,6 +497,8 @@ QKServiceResponse QKServiceRoutes::postComment(qint64 appId, const QString &thre
     const QKStoredAnswer answer = m_store->insertComment(appId, t, idempotencyKey, answerObject(t, m_imageBase));
     if (answer.outcome == QKStoredAnswer::Outcome::NoSuchThread)
         return refusal(QKServiceRefusal::NoSuchThread);
+    if (answer.outcome == QKStoredAnswer::Outcome::Stored)
+        publish({QKServiceEvent::Kind::Comment, appId, threadId, t.id, true});
     return stored(answer);
 }
 
@@ -564,6 +576,7 @@ QKServiceResponse QKServiceRoutes::updateThreads(qint64 appId, const QKServiceRe
     const qint64 changed = m_store->updateState(appId, *rootId, state, now());
     if (changed == 0)
         return refusal(QKServiceRefusal::NoSuchThread);
+    publish({QKServiceEvent::Kind::State, appId, *rootId, {}, true});
     QByteArray out;
     {
         ObjectWriter w(out);
@@ -576,6 +589,7 @@ QKServiceResponse QKServiceRoutes::deleteThread(qint64 appId, const QString &thr
 {
     if (!m_store->deleteThread(appId, threadId))
         return refusal(QKServiceRefusal::NoSuchThread);
+    publish({QKServiceEvent::Kind::Deleted, appId, threadId, {}, true});
     QByteArray out;
     {
         ObjectWriter w(out);

@@ -9,6 +9,11 @@
 #include <QPair>
 #include <QString>
 
+#include <functional>
+#include <memory>
+
+class QKServiceEvents;
+struct QKServiceEvent;
 class QKServiceStore;
 
 struct QKServiceRequest
@@ -17,8 +22,19 @@ struct QKServiceRequest
     QByteArray target; // path and query, as received
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray body;
+    QByteArray peer; // the client's address
     // The first header of that name, compared without case; null when absent.
     QByteArray header(QByteArrayView name) const;
+};
+
+// The open end of a streamed answer (server-sent events). Thread-safe.
+class QKResponseStream
+{
+public:
+    virtual ~QKResponseStream() = default;
+    // Queues bytes to send after those queued before; false once the connection is gone
+    // (or its reader is too far behind).
+    virtual bool write(const QByteArray &bytes) = 0;
 };
 
 struct QKServiceResponse
@@ -29,6 +45,9 @@ struct QKServiceResponse
     QList<QPair<QByteArray, QByteArray>> headers;
     QByteArray route; // the route template for the log: no keys, ids or device identifiers
     QByteArray note;  // what went wrong inside, for the log only
+    // Set for an answer that stays open: called once its headers are sent, and the body is
+    // what is written to the stream until either side closes.
+    std::function<void(const std::shared_ptr<QKResponseStream> &)> stream;
 };
 
 // Every refusal the service answers, each with its own code (docs/SERVICE.md).
@@ -62,8 +81,9 @@ public:
     static constexpr qint64 MaxSkip = 1000000000;
 
     // `publicUrl` is what clients reach the service at (scheme, host, port, no trailing
-    // slash); screenshot addresses start with it. The store outlives the routes.
-    QKServiceRoutes(QKServiceStore *store, const QString &publicUrl);
+    // slash); screenshot addresses start with it. The store and `events` (told of each stored
+    // change; may be null) outlive the routes.
+    QKServiceRoutes(QKServiceStore *store, const QString &publicUrl, QKServiceEvents *events = nullptr);
 
     QKServiceResponse handle(const QKServiceRequest &request) const;
 
@@ -78,6 +98,9 @@ private:
     QKServiceResponse deleteThread(qint64 appId, const QString &threadId) const;
     QKServiceResponse image(const QString &imageId) const;
 
+    void publish(const QKServiceEvent &event) const;
+
     QKServiceStore *m_store;
     QString m_imageBase;
+    QKServiceEvents *m_events;
 };

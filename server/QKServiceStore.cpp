@@ -9,7 +9,7 @@ QKServiceStore::~QKServiceStore() = default;
 
 int QKServiceStore::schemaVersion()
 {
-    return 1;
+    return 2;
 }
 
 QString QKServiceStore::newIdentifier()

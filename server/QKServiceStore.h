@@ -14,7 +14,9 @@
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <QVariant>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -24,6 +26,12 @@ class QKServiceStoreError : public std::runtime_error
 public:
     using std::runtime_error::runtime_error;
 };
+
+// The rows of one statement: each value a qint64, a double, a QString, a QByteArray (a
+// blob) or a null QVariant.
+using QKSqlRows = QList<QVariantList>;
+// Runs one statement written with '?' placeholders; bound values take the same types.
+using QKSql = std::function<QKSqlRows(const QString &sql, const QVariantList &parameters)>;
 
 struct QKServiceApp
 {
@@ -141,4 +149,13 @@ public:
 
     // Drops the idempotency answers older than `olderThan` (milliseconds since the epoch).
     virtual void forgetAnswers(qint64 olderThan) = 0;
+
+    // Plain SQL for the dashboard's tables, written once for both stores: '?' placeholders
+    // (numbered for PostgreSQL here), and the dialect for the few places they differ.
+    virtual QKFilterQuery::Dialect dialect() const = 0;
+    // One reading statement.
+    virtual QKSqlRows query(const QString &sql, const QVariantList &parameters = {}) = 0;
+    // Statements in one writing transaction, committed when `work` returns and rolled
+    // back when it throws.
+    virtual void transaction(const std::function<void(const QKSql &run)> &work) = 0;
 };

@@ -28,6 +28,39 @@ const char *const Migrations[] = {
     "CREATE TABLE answers (app_id INTEGER NOT NULL, key TEXT NOT NULL, created_at INTEGER NOT NULL,"
     " body BLOB NOT NULL, PRIMARY KEY (app_id, key));"
     "CREATE INDEX answers_age ON answers (created_at);",
+    // 2: the dashboard: members and their sessions, who sees which application, what each
+    // member has read, webhooks and their deliveries, full-text search.
+    "ALTER TABLE threads ADD COLUMN member_id INTEGER;"
+    "CREATE INDEX threads_inbox ON threads (app_id, created_at, id) WHERE root_id IS NULL;"
+    "CREATE TABLE members (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, password_hash TEXT NOT NULL,"
+    " admin INTEGER NOT NULL DEFAULT 0, created_at INTEGER NOT NULL);"
+    "CREATE TABLE sessions (token_hash TEXT NOT NULL PRIMARY KEY,"
+    " member_id INTEGER NOT NULL REFERENCES members(id) ON DELETE CASCADE, csrf TEXT NOT NULL,"
+    " created_at INTEGER NOT NULL, expires_at INTEGER NOT NULL);"
+    "CREATE INDEX sessions_expiry ON sessions (expires_at);"
+    "CREATE TABLE memberships (app_id INTEGER NOT NULL REFERENCES apps(id) ON DELETE CASCADE,"
+    " member_id INTEGER NOT NULL REFERENCES members(id) ON DELETE CASCADE, PRIMARY KEY (app_id, member_id));"
+    "CREATE TABLE reads (member_id INTEGER NOT NULL REFERENCES members(id) ON DELETE CASCADE,"
+    " thread_id TEXT NOT NULL, seen_at INTEGER NOT NULL, PRIMARY KEY (member_id, thread_id));"
+    "CREATE TABLE webhooks (id INTEGER PRIMARY KEY, app_id INTEGER NOT NULL REFERENCES apps(id) ON DELETE CASCADE,"
+    " url TEXT NOT NULL, secret TEXT NOT NULL, created_at INTEGER NOT NULL);"
+    "CREATE INDEX webhooks_app ON webhooks (app_id);"
+    "CREATE TABLE deliveries (id INTEGER PRIMARY KEY,"
+    " webhook_id INTEGER NOT NULL REFERENCES webhooks(id) ON DELETE CASCADE, event TEXT NOT NULL,"
+    " payload TEXT NOT NULL, status TEXT NOT NULL, attempts INTEGER NOT NULL DEFAULT 0, next_at INTEGER,"
+    " response_status INTEGER, error TEXT, created_at INTEGER NOT NULL, delivered_at INTEGER);"
+    "CREATE INDEX deliveries_due ON deliveries (status, next_at);"
+    "CREATE INDEX deliveries_webhook ON deliveries (webhook_id, id);"
+    "CREATE VIRTUAL TABLE threads_fts USING fts5(text, content='threads', content_rowid='seq',"
+    " tokenize='unicode61 remove_diacritics 2');"
+    "INSERT INTO threads_fts (threads_fts) VALUES ('rebuild');"
+    "CREATE TRIGGER threads_fts_insert AFTER INSERT ON threads BEGIN"
+    " INSERT INTO threads_fts (rowid, text) VALUES (new.seq, new.text); END;"
+    "CREATE TRIGGER threads_fts_delete AFTER DELETE ON threads BEGIN"
+    " INSERT INTO threads_fts (threads_fts, rowid, text) VALUES ('delete', old.seq, old.text); END;"
+    "CREATE TRIGGER threads_fts_update AFTER UPDATE OF text ON threads BEGIN"
+    " INSERT INTO threads_fts (threads_fts, rowid, text) VALUES ('delete', old.seq, old.text);"
+    " INSERT INTO threads_fts (rowid, text) VALUES (new.seq, new.text); END;",
 };
 
 qint64 now()
@@ -133,6 +166,7 @@ public:
             break;
         case QMetaType::LongLong:
         case QMetaType::Int:
+        case QMetaType::Bool:
             rc = sqlite3_bind_int64(s, index, value.toLongLong());
             break;
         case QMetaType::Double:
@@ -215,6 +249,34 @@ public:
         return data ? QByteArray(static_cast<const char *>(data), size) : QByteArray("");
     }
     qint64 number(int column) const { return sqlite3_column_int64(s, column); }
+    QVariant value(int column) const
+    {
+        switch (sqlite3_column_type(s, column)) {
+        case SQLITE_NULL:
+            return {};
+        case SQLITE_INTEGER:
+            return number(column);
+        case SQLITE_FLOAT:
+            return sqlite3_column_double(s, column);
+        case SQLITE_BLOB:
+            return bytes(column);
+        default:
+            return string(column);
+        }
+    }
+    QKSqlRows rows()
+    {
+        QKSqlRows all;
+        const int columns = sqlite3_column_count(s);
+        while (next()) {
+            QVariantList row;
+            row.reserve(columns);
+            for (int i = 0; i < columns; ++i)
+                row.append(value(i));
+            all.append(row);
+        }
+        return all;
+    }
 
 private:
     void check(int rc)
@@ -547,4 +609,35 @@ void QKSqliteStore::forgetAnswers(qint64 olderThan)
     Lease c(this);
     QMutexLocker writer(&m_writer);
     Query(c, "DELETE FROM answers WHERE created_at < ?").integer(olderThan).run();
+}
+
+QKFilterQuery::Dialect QKSqliteStore::dialect() const
+{
+    return QKFilterQuery::Dialect::SQLite;
+}
+
+namespace {
+
+QKSqlRows run(Connection *c, const QString &sql, const QVariantList &parameters)
+{
+    Query q(c, sql, false);
+    for (const QVariant &p : parameters)
+        q.bind(p);
+    return q.rows();
+}
+
+} // namespace
+
+QKSqlRows QKSqliteStore::query(const QString &sql, const QVariantList &parameters)
+{
+    Lease c(this);
+    return run(c, sql, parameters);
+}
+
+void QKSqliteStore::transaction(const std::function<void(const QKSql &run)> &work)
+{
+    Lease c(this);
+    WriteTransaction transaction(c, m_writer);
+    work([&c](const QString &sql, const QVariantList &parameters) { return run(c, sql, parameters); });
+    transaction.commit();
 }

@@ -31,6 +31,9 @@ public:
     bool deleteThread(qint64 appId, const QString &id) override;
     std::optional<QByteArray> image(const QString &imageId) override;
     void forgetAnswers(qint64 olderThan) override;
+    QKFilterQuery::Dialect dialect() const override;
+    QKSqlRows query(const QString &sql, const QVariantList &parameters = {}) override;
+    void transaction(const std::function<void(const QKSql &run)> &work) override;
 
     class Connection;
 

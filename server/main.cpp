@@ -1,5 +1,6 @@
 // murmora-server: the service a team runs to receive what its apps send.
 
+#include "QKAccounts.h"
 #include "QKService.h"
 
 #include <QCoreApplication>
@@ -7,23 +8,29 @@
 #include <QStringList>
 
 #include <cstdio>
+#include <cstring>
 #include <malloc.h>
 #include <stdexcept>
+#include <termios.h>
+#include <unistd.h>
 
 namespace {
 
 const char Usage[] = R"(usage:
   murmora-server --data DIR [--listen HOST:PORT] [--database URL]
                  [--tls-cert FILE --tls-key FILE] [--public-url URL] [--insecure-http]
-                 [--max-body-mb N] [--threads N]
+                 [--max-body-mb N] [--threads N] [--webhook-retry-ms N]
   murmora-server apps add NAME --data DIR [--database URL]
   murmora-server apps list --data DIR [--database URL]
   murmora-server apps rotate NAME --data DIR [--database URL]
+  murmora-server users add NAME [--admin] --data DIR [--database URL]
+  murmora-server users list --data DIR [--database URL]
 
 Serves the feedback protocol at https://HOST:PORT/feedback/api/v1 (default listen
-127.0.0.1:8443, port 0 picks a free one), keeping its data in SQLite in DIR, or in
-PostgreSQL with --database postgresql://... Without --tls-cert it makes its own
-certificate in DIR/tls and prints the CA file that clients must trust.
+127.0.0.1:8443, port 0 picks a free one) and the team's dashboard at https://HOST:PORT/,
+keeping its data in SQLite in DIR, or in PostgreSQL with --database postgresql://...
+Without --tls-cert it makes its own certificate in DIR/tls and prints the CA file that
+clients must trust. "users add" reads the member's password from standard input.
 )";
 
 void print(const QString &line, FILE *to = stdout)
@@ -74,6 +81,55 @@ int apps(const QStringList &positional, const QKServiceOptions &options)
     return usage(QStringLiteral("apps takes add NAME, list or rotate NAME."));
 }
 
+// One line of standard input, not echoed when it is a terminal.
+QByteArray readPassword()
+{
+    const bool terminal = isatty(STDIN_FILENO);
+    termios saved{};
+    if (terminal) {
+        std::fputs("Password: ", stderr);
+        tcgetattr(STDIN_FILENO, &saved);
+        termios quiet = saved;
+        quiet.c_lflag &= ~tcflag_t(ECHO);
+        tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    }
+    QByteArray line;
+    for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar())
+        line.append(char(c));
+    if (terminal) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+        std::fputs("\n", stderr);
+    }
+    if (line.endsWith('\r'))
+        line.chop(1);
+    return line;
+}
+
+int users(const QStringList &positional, const QKServiceOptions &options, bool admin)
+{
+    auto store = QKServiceStore::open(options.databaseUrl, options.dataDirectory);
+    QKAccounts accounts(store.get());
+    const QString verb = positional.value(1);
+    if (verb == QLatin1String("list") && positional.size() == 2) {
+        for (const QKMember &member : accounts.members())
+            print(member.admin ? member.name + QLatin1String("\tadmin") : member.name);
+        return 0;
+    }
+    if (verb == QLatin1String("add") && positional.size() == 3) {
+        try {
+            const QKMember member = accounts.addMember(positional[2], readPassword(), admin);
+            print(QStringLiteral("Added %1 %2; they log in to the dashboard with that name and password.")
+                      .arg(member.admin ? QStringLiteral("the administrator") : QStringLiteral("the member"),
+                           member.name));
+            return 0;
+        } catch (const std::invalid_argument &error) {
+            print(QString::fromUtf8(error.what()), stderr);
+            return 1;
+        }
+    }
+    return usage(QStringLiteral("users takes add NAME [--admin] or list."));
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -88,6 +144,7 @@ int main(int argc, char *argv[])
     QStringList args = app.arguments().mid(1);
     QKServiceOptions options;
     QStringList positional;
+    bool admin = false;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString &arg = args[i];
         const auto value = [&](QString *into) {
@@ -118,6 +175,11 @@ int main(int argc, char *argv[])
         } else if (arg == QLatin1String("--threads")) {
             ok = value(&number) && number.toInt() > 0 && number.toInt() <= 256;
             options.http.threads = number.toInt();
+        } else if (arg == QLatin1String("--webhook-retry-ms")) {
+            ok = value(&number) && number.toLongLong() > 0;
+            options.webhookFirstRetryMs = number.toLongLong();
+        } else if (arg == QLatin1String("--admin")) {
+            admin = true;
         } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
             std::fputs(Usage, stdout);
             return 0;
@@ -133,6 +195,8 @@ int main(int argc, char *argv[])
     try {
         if (positional.value(0) == QLatin1String("apps"))
             return apps(positional, options);
+        if (positional.value(0) == QLatin1String("users"))
+            return users(positional, options, admin);
         if (!positional.isEmpty())
             return usage(QStringLiteral("Unknown command %1.").arg(positional.first()));
         QKService service(options);
@@ -146,6 +210,8 @@ int main(int argc, char *argv[])
         if (!service.madeCaFile().isEmpty())
             print(QStringLiteral("CA certificate: %1").arg(service.madeCaFile()));
         print(QStringLiteral("Murmora service listening on %1").arg(service.listeningUrl()));
+        print(
+            QStringLiteral("Dashboard: %1/").arg(service.listeningUrl().chopped(int(std::strlen("/feedback/api/v1")))));
         service.runUntilSignalled();
         print(QStringLiteral("Murmora service stopped."), stderr);
         return 0;

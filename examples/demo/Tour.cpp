@@ -131,27 +131,55 @@ bool Tour::run()
     waitFor([] { return QKAlertView::visibleAlerts().isEmpty(); });
 
     // Browse what was sent, open it, and add a comment.
-    QKFeedback::showFeedback();
-    waitFor([] { return QKActionSheet::visibleSheets().size() == 1; });
-    tap(QKActionSheet::visibleSheets().first()->rectForButtonAtIndex(1).center());
-    QKFeedbackYourItemsViewController *list = nullptr;
-    if (!step("your-feedback", waitFor([&] {
-                  list = topScreen<QKFeedbackYourItemsViewController>();
-                  return list && !list->itemsTableView()->isHidden();
-              })))
-        return false;
-    QKTableView *table = list->itemsTableView();
-    tap(table->convertPointToView(table->rectForRowAtIndexPath(QKIndexPath(0, 0)).center(), nullptr));
-    QKFeedbackItemDetailsViewController *details = nullptr;
-    if (!step("details", waitFor([&] {
-                  details = topScreen<QKFeedbackItemDetailsViewController>();
-                  return details && !details->feedbackTableView()->isHidden();
-              })))
+    QKFeedbackItemDetailsViewController *details = openNewest(true);
+    if (!details)
         return false;
     tap(centreInWindow(details->textView()->textField()));
     QTest::keyClicks(details->textView()->textField()->lineEdit(),
                      QStringLiteral("Fixed in the next version, thanks!"));
     tap(centreInWindow(details->textView()->sendButton()));
     const QKFeedbackItemPtr item = details->feedbackItem();
-    return step("comment", waitFor([&] { return item && item->subItems() && item->subItems()->size() == 1; }));
+    if (!step("comment", waitFor([&] { return item && item->subItems() && item->subItems()->size() == 1; })))
+        return false;
+    if (!m_answer)
+        return true;
+
+    // The team answers from its dashboard; the app shows the answer when the item is opened again.
+    if (!m_answer())
+        return step("reply", false);
+    shownNavigation()->popViewControllerAnimated(false);
+    if (auto *list = topScreen<QKFeedbackYourItemsViewController>())
+        list->backTouched();
+    waitFor([] { return !QKFeedback::feedbackIsShown(); });
+    details = openNewest(false);
+    return step("reply", details && waitFor([&] {
+                             const QKFeedbackItemPtr again = details->feedbackItem();
+                             return again && again->subItems() && again->subItems()->size() == 2;
+                         }));
+}
+
+QKFeedbackItemDetailsViewController *Tour::openNewest(bool pictures)
+{
+    QKFeedback::showFeedback();
+    waitFor([] { return QKActionSheet::visibleSheets().size() == 1; });
+    tap(QKActionSheet::visibleSheets().first()->rectForButtonAtIndex(1).center());
+    QKFeedbackYourItemsViewController *list = nullptr;
+    const bool listed = waitFor([&] {
+        list = topScreen<QKFeedbackYourItemsViewController>();
+        return list && !list->itemsTableView()->isHidden();
+    });
+    if (!listed || pictures)
+        step("your-feedback", listed);
+    if (!listed)
+        return nullptr;
+    QKTableView *table = list->itemsTableView();
+    tap(table->convertPointToView(table->rectForRowAtIndexPath(QKIndexPath(0, 0)).center(), nullptr));
+    QKFeedbackItemDetailsViewController *details = nullptr;
+    const bool shown = waitFor([&] {
+        details = topScreen<QKFeedbackItemDetailsViewController>();
+        return details && !details->feedbackTableView()->isHidden();
+    });
+    if (!shown || pictures)
+        step("details", shown);
+    return shown ? details : nullptr;
 }

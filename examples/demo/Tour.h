@@ -3,6 +3,9 @@
 #include <QDir>
 #include <QString>
 
+#include <functional>
+
+class QKFeedbackItemDetailsViewController;
 class QKWindow;
 class QKFeedbackDataSource;
 
@@ -15,9 +18,14 @@ public:
 
     /// Runs every step; false (with the reason on standard error) when one fails.
     bool run();
+    /// Something that answers the sent feedback from outside the app (the team's dashboard),
+    /// run after the comment; the tour then shows the answer in the app. False: it failed.
+    void setAnswer(std::function<bool()> answer) { m_answer = std::move(answer); }
 
 private:
     bool step(const char *name, bool done);
+    // Opens "Your feedback" from the menu, then its newest item; null when that fails.
+    QKFeedbackItemDetailsViewController *openNewest(bool pictures);
     void tap(const QPointF &point);
     template <class Condition>
     bool waitFor(Condition condition, int milliseconds = 5000);
@@ -25,4 +33,5 @@ private:
     QKWindow *m_window;
     QDir m_directory;
     int m_step = 0;
+    std::function<bool()> m_answer;
 };

@@ -14,7 +14,9 @@
 #include "kit/QKWindow.h"
 
 #include <QApplication>
+#include <QProcess>
 #include <QCommandLineParser>
+#include <QProcess>
 #include <QSslCertificate>
 #include <QStandardPaths>
 
@@ -79,7 +81,11 @@ int main(int argc, char **argv)
     const QCommandLineOption uid(QStringLiteral("uid"), QStringLiteral("Device identifier."), QStringLiteral("UID"));
     const QCommandLineOption ca(QStringLiteral("ca"), QStringLiteral("Extra CA certificate (PEM)."),
                                 QStringLiteral("FILE"));
-    parser.addOptions({tourOption, tourDir, local, service, key, uid, ca});
+    const QCommandLineOption answer(QStringLiteral("tour-answer"),
+                                    QStringLiteral("A shell command the tour runs after its comment to answer the "
+                                                   "feedback (the dashboard's tour); the tour then shows the answer."),
+                                    QStringLiteral("COMMAND"));
+    parser.addOptions({tourOption, tourDir, local, service, key, uid, ca, answer});
     parser.process(app);
 
     QDir pictures(parser.value(tourDir));
@@ -125,6 +131,14 @@ int main(int argc, char **argv)
         return app.exec();
     QApplication::setActiveWindow(&window);
     Tour script(&window, pictures);
+    if (parser.isSet(answer))
+        script.setAnswer([command = parser.value(answer)] {
+            QProcess process;
+            process.setProcessChannelMode(QProcess::ForwardedChannels);
+            process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command});
+            return process.waitForFinished(180000) && process.exitStatus() == QProcess::NormalExit &&
+                   process.exitCode() == 0;
+        });
     const bool done = script.run();
     printStored(source);
     return done ? 0 : 1;

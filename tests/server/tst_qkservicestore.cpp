@@ -1,3 +1,4 @@
+#include "QKDashboard.h"
 #include "QKServiceStore.h"
 #include "support/PostgresServer.h"
 
@@ -69,6 +70,7 @@ private slots:
     void concurrentInsertsWithOneKey();
     void schemaVersions();
     void lostConnectionsAndSecrets();
+    void dashboard();
 
 private:
     QKServiceStore &store() { return *m_store; }
@@ -420,3 +422,139 @@ void tst_QKServiceStore::lostConnectionsAndSecrets()
 
 QTEST_GUILESS_MAIN(tst_QKServiceStore)
 #include "tst_qkservicestore.moc"
+
+namespace {
+
+struct Dashboard
+{
+    QKDashboard d;
+    QByteArray cookie, csrf;
+
+    QKServiceResponse call(const QByteArray &method, const QByteArray &target, const QByteArray &body = {},
+                           const QByteArray &peer = "10.0.0.1")
+    {
+        QKServiceRequest r{method, "/dashboard/api/" + target, {}, body, peer};
+        if (!cookie.isEmpty())
+            r.headers.append(qMakePair(QByteArray("Cookie"), "theme=dark; murmora_session=" + cookie));
+        if (!csrf.isEmpty())
+            r.headers.append(qMakePair(QByteArray("X-CSRF-Token"), csrf));
+        if (!body.isEmpty())
+            r.headers.append(qMakePair(QByteArray("Content-Type"), QByteArray("application/json")));
+        return d.handle(r);
+    }
+    QJsonObject get(const QByteArray &target) { return QJsonDocument::fromJson(call("GET", target).body).object(); }
+    int logIn(const QByteArray &name, const QByteArray &password, const QByteArray &peer = "10.0.0.1")
+    {
+        const QKServiceResponse r =
+            call("POST", "session", "{\"name\":\"" + name + "\",\"password\":\"" + password + "\"}", peer);
+        for (const auto &h : r.headers)
+            if (h.first == "Set-Cookie")
+                cookie = h.second.mid(16, h.second.indexOf(';') - 16);
+        csrf = QJsonDocument::fromJson(r.body).object().value("csrf").toString().toLatin1();
+        return r.status;
+    }
+    // Every page of a listing, following "next".
+    QStringList all(const QByteArray &query)
+    {
+        QStringList ids;
+        QJsonObject page = get("threads?" + query);
+        for (int pages = 0; pages < 10; ++pages) {
+            for (const QJsonValue &t : page.value("threads").toArray())
+                ids << t["id"].toString();
+            if (page.value("next").isNull())
+                break;
+            page = get("threads?" + query + "&after=" + page.value("next").toString().toUtf8());
+        }
+        return ids;
+    }
+    bool unread(const QString &id)
+    {
+        for (const QJsonValue &t : get("threads?state=all").value("threads").toArray())
+            if (t["id"].toString() == id)
+                return t["unread"].toBool();
+        return false;
+    }
+};
+
+} // namespace
+
+// The dashboard's own SQL on each store: accounts and their slowing, keyset pages, search
+// over texts and comments, who sees what, unread marks, replies and states.
+void tst_QKServiceStore::dashboard()
+{
+    QKServiceEvents events;
+    Dashboard ada{QKDashboard(m_store.get(), &events, nullptr), {}, {}};
+    QKAccounts &accounts = ada.d.accounts();
+    accounts.addMember("ada", "correct horse", true);
+    accounts.addMember("bob", "battery staple", false);
+    QVERIFY_THROWS_EXCEPTION(std::invalid_argument, accounts.addMember("ada", "another one", false));
+    QVERIFY_THROWS_EXCEPTION(std::invalid_argument, accounts.addMember("eve", "short", false));
+
+    QCOMPARE(ada.call("GET", "threads").status, 401);
+    for (int i = 0; i < 4; ++i)
+        QCOMPARE(ada.logIn("carol", "guess", "10.0.0.9"), 401);
+    QCOMPARE(ada.logIn("carol", "guess", "10.0.0.8"), 429);       // slowed for the name
+    QCOMPARE(ada.logIn("ada", "correct horse", "10.0.0.9"), 429); // and for the address
+    QCOMPARE(ada.logIn("ada", "correct horse"), 200);
+    QVERIFY(!ada.cookie.isEmpty() && !ada.csrf.isEmpty());
+
+    // 30 items, most at one instant, so that pages part within a tie; one in another app.
+    const qint64 t0 = QDateTime::currentMSecsSinceEpoch() - 60000;
+    QStringList expected;
+    for (int i = 0; i < 30; ++i) {
+        QKServiceThread t = item(QStringLiteral("i%1").arg(i, 2, 10, QLatin1Char('0')), i < 3 ? t0 + i : t0 + 10);
+        t.state = "Open";
+        t.text = i == 7 ? "The keyboard hides the save button" : QStringLiteral("Crash on launch %1").arg(i);
+        post(t);
+        expected.prepend(t.id);
+    }
+    const qint64 other = store().addApp("other").id;
+    post(item("elsewhere", t0), {}, other);
+    post(item("c1", t0 + 20, "i03")); // its text: "text of c1"
+    QCOMPARE(ada.all("state=all&app=" + QByteArray::number(m_app)), expected);
+    QCOMPARE(ada.all("state=all").size(), 31);
+    QCOMPARE(ada.all("state=all&q=KEYB"), QStringList{"i07"});
+    QCOMPARE(ada.all("state=all&q=text+c1"), QStringList{"i03"});      // found by its comment
+    QCOMPARE(ada.all("state=all&q=%22%29%28*"), ada.all("state=all")); // no words: no search
+    QCOMPARE(ada.all("state=all&device=device").size(), 31);
+    QCOMPARE(ada.all("state=all&device=nobody").size(), 0);
+
+    // Unread until opened; a device's comment makes it unread again, a member's reply not.
+    QVERIFY(ada.unread("i25"));
+    QCOMPARE(ada.get("threads/i25").value("thread")["id"].toString(), "i25");
+    QVERIFY(!ada.unread("i25"));
+    QKServiceThread later = item("c2", QDateTime::currentMSecsSinceEpoch() + 5000, "i25");
+    post(later);
+    QVERIFY(ada.unread("i25"));
+    ada.get("threads/i25");
+    const QByteArray csrf = std::exchange(ada.csrf, QByteArray("forged"));
+    QCOMPARE(ada.call("POST", "threads/i25/comments", "{\"text\":\"Fixed\"}").status, 403);
+    ada.csrf = csrf;
+    QCOMPARE(ada.call("POST", "threads/i25/comments", "{\"text\":\"Fixed in 2.1\"}").status, 201);
+    QVERIFY(!ada.unread("i25"));
+    const QList<QKServiceThread> comments = threads("{\"RootId\":\"i25\"}", "{\"CreatedAt\":1}");
+    QCOMPARE(comments.size(), 2);
+    QCOMPARE(comments[0].author, "ada"); // c2 is dated in the future
+    QCOMPARE(comments[0].text, "Fixed in 2.1");
+    QCOMPARE(byId("i25").comments, 2);
+
+    QCOMPARE(ada.call("PUT", "threads/i25/state", "{\"state\":\"Resolved\"}").status, 200);
+    QCOMPARE(ada.all("state=resolved"), QStringList{"i25"});
+    QVERIFY(!ada.all("state=open").contains("i25"));
+    QCOMPARE(byId("i25").state, "Resolved");
+
+    // A member sees only the applications given to them.
+    Dashboard bob{QKDashboard(m_store.get(), &events, nullptr), {}, {}};
+    QCOMPARE(bob.logIn("bob", "battery staple", "10.0.0.2"), 200);
+    QCOMPARE(bob.all("state=all").size(), 0);
+    QCOMPARE(bob.call("GET", "threads/i25").status, 404);
+    QCOMPARE(bob.call("GET", "members").status, 403);
+    QCOMPARE(ada.call("PUT", "apps/" + QByteArray::number(m_app) + "/members", "{\"members\":[2]}").status, 200);
+    QCOMPARE(bob.all("state=all").size(), 30);
+    QCOMPARE(bob.call("GET", "threads/elsewhere").status, 404);
+
+    QCOMPARE(ada.call("DELETE", "threads/i25").status, 200);
+    QCOMPARE(ada.call("GET", "threads/i25").status, 404);
+    QCOMPARE(ada.call("DELETE", "session").status, 200);
+    QCOMPARE(ada.call("GET", "threads").status, 401);
+}
