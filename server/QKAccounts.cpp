@@ -132,6 +132,7 @@ QKAccounts::Login QKAccounts::logIn(const QString &name, const QByteArray &passw
     const QString nameKey = QLatin1String("n:") + name.trimmed().toCaseFolded();
     const QString addressKey = QLatin1String("a:") + QString::fromLatin1(address);
     Login login;
+    QByteArray decoy;
     {
         QMutexLocker lock(&m_mutex);
         const qint64 wait = qMax(waitMs(nameKey, now()), waitMs(addressKey, now()));
@@ -142,14 +143,15 @@ QKAccounts::Login QKAccounts::logIn(const QString &name, const QByteArray &passw
         }
         if (m_decoyHash.isEmpty()) {
             lock.unlock();
-            const QByteArray decoy = hashPassword(randomToken());
+            const QByteArray made = hashPassword(randomToken());
             lock.relock();
-            m_decoyHash = decoy;
+            m_decoyHash = made;
         }
+        decoy = m_decoyHash;
     }
     const QKSqlRows rows = m_store->query(
         QStringLiteral("SELECT id, name, admin, password_hash FROM members WHERE name = ?"), {name.trimmed()});
-    const QByteArray hash = rows.isEmpty() ? m_decoyHash : rows[0].value(3).toString().toLatin1();
+    const QByteArray hash = rows.isEmpty() ? decoy : rows[0].value(3).toString().toLatin1();
     if (!verify(hash, password) || rows.isEmpty()) {
         QMutexLocker lock(&m_mutex);
         failed(nameKey, now());
