@@ -152,10 +152,16 @@ bool Tour::run()
         list->backTouched();
     waitFor([] { return !QKFeedback::feedbackIsShown(); });
     details = openNewest(false);
-    return step("reply", details && waitFor([&] {
-                             const QKFeedbackItemPtr again = details->feedbackItem();
-                             return again && again->subItems() && again->subItems()->size() == 2;
-                         }));
+    const bool answered = details && waitFor([&] {
+                              const QKFeedbackItemPtr again = details->feedbackItem();
+                              return again && again->subItems() && again->subItems()->size() == 2;
+                          });
+    if (answered) {
+        // The comments are under the screenshot.
+        QKTableView *table = details->feedbackTableView();
+        table->setContentOffset(QPointF(0, qMax(0.0, table->contentSize().height() - table->bounds().height())));
+    }
+    return step("reply", answered);
 }
 
 QKFeedbackItemDetailsViewController *Tour::openNewest(bool pictures)
