@@ -10,6 +10,7 @@ PACKAGES=(
   libplist-dev libplist-utils libisal-dev libdeflate-dev libpng-dev libicu-dev libbenchmark-dev libssl-dev
   libboost-dev libsqlite3-dev libpq-dev libcurl4-openssl-dev postgresql-15 libsodium-dev
   openssl ca-certificates xvfb xauth fonts-dejavu-core fonts-liberation strace
+  chromium
 )
 
 preset=${PRESET:-dev}
@@ -21,13 +22,21 @@ deps() {
   for p in "${PACKAGES[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")
   done
-  [ ${#missing[@]} -eq 0 ] && return 0
-  echo "Installing: ${missing[*]}"
-  local sudo=()
-  [ "$(id -u)" -ne 0 ] && sudo=(sudo)
-  export DEBIAN_FRONTEND=noninteractive
-  "${sudo[@]}" apt-get update -q
-  "${sudo[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+  # Debian's nodejs and npm only where there is no node: a newer node brings its own npm, which Debian's conflicts with.
+  command -v node >/dev/null 2>&1 || missing+=(nodejs npm)
+  if [ ${#missing[@]} -gt 0 ]; then
+    echo "Installing: ${missing[*]}"
+    local sudo=()
+    [ "$(id -u)" -ne 0 ] && sudo=(sudo)
+    export DEBIAN_FRONTEND=noninteractive
+    "${sudo[@]}" apt-get update -q
+    "${sudo[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+  fi
+  # The browser tests' packages, from the committed lock file.
+  if [ ! -d tests/web/node_modules ] || [ tests/web/package-lock.json -nt tests/web/node_modules ]; then
+    npm ci --prefix tests/web --no-audit --no-fund
+    touch tests/web/node_modules
+  fi
 }
 
 configure() {
@@ -47,14 +56,15 @@ run_tests() {
 }
 
 SERVER_DATA=build/server-data
-SERVER_URL=https://127.0.0.1:8443/feedback/api/v1
+DEMO_DATA=build/demo-data
+DEMO_ORIGIN=https://127.0.0.1:8444
 
-# The key of the application "demo", made on first use.
-server_key() {
+# The key of the application "demo" in the data directory $1, made on first use.
+app_key() {
   local binary="build/$preset/server/murmora-server"
   local key
-  key=$("$binary" apps list --data "$SERVER_DATA" | awk -F'\t' '$1 == "demo" { print $2 }')
-  [ -n "$key" ] || key=$("$binary" apps add demo --data "$SERVER_DATA" | tail -1)
+  key=$("$binary" apps list --data "$1" | awk -F'\t' '$1 == "demo" { print $2 }')
+  [ -n "$key" ] || key=$("$binary" apps add demo --data "$1" | tail -1)
   echo "$key"
 }
 
@@ -62,35 +72,52 @@ server() {
   configure
   cmake --build --preset "$preset" --target murmora-server
   local key
-  key=$(server_key)
-  echo "Base URL:        $SERVER_URL"
+  key=$(app_key "$SERVER_DATA")
+  echo "Base URL:        https://127.0.0.1:8443/feedback/api/v1"
   echo "Application key: $key"
   echo "CA certificate:  $SERVER_DATA/tls/ca.pem (made on the first start)"
-  echo "Try it: ./dev.sh demo --server"
+  echo "Dashboard:       https://127.0.0.1:8443/ (add a member: build/$preset/server/murmora-server users add NAME --admin --data $SERVER_DATA)"
   exec "build/$preset/server/murmora-server" --data "$SERVER_DATA" "$@"
 }
 
+# The demo sends to its own murmora-server (SQLite in build/demo-data), started for the
+# demo's length; --local keeps everything in the app's local archive instead.
 demo() {
   configure
-  cmake --build --preset "$preset" --target murmora-demo
   local binary="build/$preset/examples/demo/murmora-demo"
-  if [ "${1:-}" = "--server" ]; then
+  local tour_dir="build/$preset/tour"
+  local answer=()
+  if [ "${1:-}" = "--local" ]; then
     shift
-    cmake --build --preset "$preset" --target murmora-server
-    local key
-    key=$(server_key)
-    # Against the service of ./dev.sh server, started here for the demo's length when it is not running.
-    if ! (exec 3<>/dev/tcp/127.0.0.1/8443) 2>/dev/null; then
-      "build/$preset/server/murmora-server" --data "$SERVER_DATA" >"$SERVER_DATA/demo-server.out" 2>"$SERVER_DATA/demo-server.log" &
+    cmake --build --preset "$preset" --target murmora-demo
+  else
+    [ "${1:-}" = "--server" ] && shift
+    cmake --build --preset "$preset" --target murmora-demo murmora-server
+    local server="build/$preset/server/murmora-server"
+    mkdir -p "$DEMO_DATA"
+    local key password
+    key=$(app_key "$DEMO_DATA")
+    if [ ! -s "$DEMO_DATA/demo-password" ]; then
+      head -c 12 /dev/urandom | base64 | tr -d '/+=' >"$DEMO_DATA/demo-password"
+      "$server" users add demo --admin --data "$DEMO_DATA" <"$DEMO_DATA/demo-password" >/dev/null
+    fi
+    password=$(cat "$DEMO_DATA/demo-password")
+    if ! (exec 3<>/dev/tcp/127.0.0.1/8444) 2>/dev/null; then
+      "$server" --data "$DEMO_DATA" --listen 127.0.0.1:8444 >"$DEMO_DATA/server.out" 2>"$DEMO_DATA/server.log" &
       DEMO_SERVER_PID=$!
       trap 'kill "$DEMO_SERVER_PID" 2>/dev/null; wait "$DEMO_SERVER_PID" 2>/dev/null' EXIT
-      for _ in $(seq 100); do grep -q "listening" "$SERVER_DATA/demo-server.out" 2>/dev/null && break; sleep 0.1; done
+      for _ in $(seq 100); do grep -q "listening" "$DEMO_DATA/server.out" 2>/dev/null && break; sleep 0.1; done
     fi
-    set -- --service "$SERVER_URL" --key "$key" --uid "demo-device" --ca "$SERVER_DATA/tls/ca.pem" "$@"
+    echo "Dashboard: $DEMO_ORIGIN/  (name: demo, password: $password; its certificate authority is $DEMO_DATA/tls/ca.pem)"
+    set -- --service "$DEMO_ORIGIN/feedback/api/v1" --key "$key" --uid "demo-device" --ca "$DEMO_DATA/tls/ca.pem" "$@"
+    # Without a display the team answers from the dashboard, in headless Chromium, and the tour shows the answer.
+    if [ -x /usr/bin/chromium ] && [ -d tests/web/node_modules ]; then
+      answer=(--tour-answer "node tests/web/dashboard-tour.mjs --origin $DEMO_ORIGIN --name demo --password $password --out $tour_dir --reply 'Thanks for telling us! Fixed in version 2.1.'")
+    fi
   fi
   if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
     echo "No display: running the scripted tour offscreen at phone size."
-    "$binary" --tour --tour-dir "build/$preset/tour" "$@"
+    "$binary" --tour --tour-dir "$tour_dir" "${answer[@]}" "$@"
   else
     "$binary" "$@"
   fi
