@@ -98,6 +98,20 @@ struct QKHttpServer::Private
 
 namespace {
 
+// An answer's status and headers, for a whole body or a stream.
+template <class Body>
+std::shared_ptr<http::response<Body>> head(const QKServiceResponse &response)
+{
+    auto message = std::make_shared<http::response<Body>>(http::int_to_status(unsigned(response.status)), 11);
+    message->set(http::field::content_type,
+                 beast::string_view(response.contentType.constData(), size_t(response.contentType.size())));
+    message->set("X-Content-Type-Options", "nosniff");
+    for (const auto &h : std::as_const(response.headers))
+        message->set(beast::string_view(h.first.constData(), size_t(h.first.size())),
+                     beast::string_view(h.second.constData(), size_t(h.second.size())));
+    return message;
+}
+
 template <class Derived>
 class Session : public SessionBase
 {
@@ -249,14 +263,7 @@ private:
         if (response.stream)
             return openStream(std::move(response));
         busy = true;
-        auto message =
-            std::make_shared<http::response<http::string_body>>(http::int_to_status(unsigned(response.status)), 11);
-        message->set(http::field::content_type,
-                     beast::string_view(response.contentType.constData(), size_t(response.contentType.size())));
-        message->set("X-Content-Type-Options", "nosniff");
-        for (const auto &h : std::as_const(response.headers))
-            message->set(beast::string_view(h.first.constData(), size_t(h.first.size())),
-                         beast::string_view(h.second.constData(), size_t(h.second.size())));
+        auto message = head<http::string_body>(response);
         message->body().assign(response.body.constData(), size_t(response.body.size()));
         response.body = {};
         message->keep_alive(keepAlive && !server->draining);
@@ -275,14 +282,7 @@ private:
     void openStream(QKServiceResponse response)
     {
         busy = false;
-        auto header =
-            std::make_shared<http::response<http::empty_body>>(http::int_to_status(unsigned(response.status)), 11);
-        header->set(http::field::content_type,
-                    beast::string_view(response.contentType.constData(), size_t(response.contentType.size())));
-        header->set("X-Content-Type-Options", "nosniff");
-        for (const auto &h : std::as_const(response.headers))
-            header->set(beast::string_view(h.first.constData(), size_t(h.first.size())),
-                        beast::string_view(h.second.constData(), size_t(h.second.size())));
+        auto header = head<http::empty_body>(response);
         header->keep_alive(false); // the body ends when the connection does
         auto serializer = std::make_shared<http::response_serializer<http::empty_body>>(*header);
         derived().lowest().expires_after(milliseconds(options().writeTimeoutMs));
