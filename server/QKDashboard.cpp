@@ -422,15 +422,15 @@ struct QKDashboard::Private
                 parameters << terms.join(QLatin1String(" & "));
             }
         }
-        // Keyset paging: the page after the row (created_at, id), never an offset.
+        // Keyset paging: the page after the row (created_at, id), an index range, never an offset.
         if (const QString after = query.queryItemValue(QStringLiteral("after")); !after.isEmpty()) {
             bool ok = false;
             const qint64 createdAt = after.section(QLatin1Char('.'), 0, 0).toLongLong(&ok);
             const QString id = after.section(QLatin1Char('.'), 1);
             if (!ok || id.isEmpty())
                 return badRequest("The page to continue from is not one the service gave.");
-            sql += QLatin1String(" AND (t.created_at < ? OR (t.created_at = ? AND t.id < ?))");
-            parameters << createdAt << createdAt << id;
+            sql += QLatin1String(" AND (t.created_at, t.id) < (?, ?)");
+            parameters << createdAt << id;
         }
         sql += QStringLiteral(" ORDER BY t.created_at DESC, t.id DESC LIMIT %1").arg(PageSize + 1);
         const QKSqlRows rows = store->query(sql, parameters);

@@ -36,6 +36,7 @@ const char *const Migrations[] = {
     // member has read, webhooks and their deliveries, full-text search.
     "ALTER TABLE threads ADD COLUMN member_id BIGINT;"
     "CREATE INDEX threads_inbox ON threads (app_id, created_at, id) WHERE root_id IS NULL;"
+    "CREATE INDEX threads_recent ON threads (created_at, id) WHERE root_id IS NULL;"
     "CREATE INDEX threads_words ON threads USING GIN (to_tsvector('simple', coalesce(text, '')));"
     "CREATE TABLE members (id BIGSERIAL PRIMARY KEY, name TEXT COLLATE \"C\" NOT NULL UNIQUE,"
     " password_hash TEXT NOT NULL, admin INTEGER NOT NULL DEFAULT 0, created_at BIGINT NOT NULL);"

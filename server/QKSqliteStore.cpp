@@ -32,6 +32,7 @@ const char *const Migrations[] = {
     // member has read, webhooks and their deliveries, full-text search.
     "ALTER TABLE threads ADD COLUMN member_id INTEGER;"
     "CREATE INDEX threads_inbox ON threads (app_id, created_at, id) WHERE root_id IS NULL;"
+    "CREATE INDEX threads_recent ON threads (created_at, id) WHERE root_id IS NULL;"
     "CREATE TABLE members (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, password_hash TEXT NOT NULL,"
     " admin INTEGER NOT NULL DEFAULT 0, created_at INTEGER NOT NULL);"
     "CREATE TABLE sessions (token_hash TEXT NOT NULL PRIMARY KEY,"
