@@ -33,6 +33,13 @@ QByteArray hashPassword(const QByteArray &password)
     return QByteArray(out);
 }
 
+const QByteArray &checkedPassword(const QByteArray &password)
+{
+    if (QString::fromUtf8(password).size() < QKAccounts::MinPasswordLength)
+        throw std::invalid_argument("A password is at least 8 characters.");
+    return password;
+}
+
 QByteArray randomToken()
 {
     unsigned char bytes[32];
@@ -72,9 +79,7 @@ QKMember QKAccounts::addMember(const QString &name, const QByteArray &password, 
     for (const QChar c : trimmed)
         if (c.category() == QChar::Other_Control || c.category() == QChar::Other_Format)
             throw std::invalid_argument("A member's name cannot hold control characters.");
-    if (QString::fromUtf8(password).size() < MinPasswordLength)
-        throw std::invalid_argument("A password is at least 8 characters.");
-    const QByteArray hash = hashPassword(password);
+    const QByteArray hash = hashPassword(checkedPassword(password));
     QKMember member{0, trimmed, admin};
     m_store->transaction([&](const QKSql &sql) {
         if (!sql(QStringLiteral("SELECT 1 FROM members WHERE name = ?"), {trimmed}).isEmpty())
@@ -88,6 +93,29 @@ QKMember QKAccounts::addMember(const QString &name, const QByteArray &password, 
                         .toLongLong();
     });
     return member;
+}
+
+bool QKAccounts::setPassword(const QString &name, const QByteArray &password)
+{
+    const QByteArray hash = hashPassword(checkedPassword(password));
+    bool found = false;
+    m_store->transaction([&](const QKSql &sql) {
+        const QKSqlRows rows = sql(QStringLiteral("UPDATE members SET password_hash = ? WHERE name = ? RETURNING id"),
+                                   {QString::fromLatin1(hash), name.trimmed()});
+        found = !rows.isEmpty();
+        if (found)
+            sql(QStringLiteral("DELETE FROM sessions WHERE member_id = ?"), {rows[0].value(0)});
+    });
+    return found;
+}
+
+bool QKAccounts::removeMember(const QString &name)
+{
+    bool found = false;
+    m_store->transaction([&](const QKSql &sql) {
+        found = !sql(QStringLiteral("DELETE FROM members WHERE name = ? RETURNING id"), {name.trimmed()}).isEmpty();
+    });
+    return found;
 }
 
 QList<QKMember> QKAccounts::members()

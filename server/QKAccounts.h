@@ -41,6 +41,11 @@ public:
     // long, holds control characters or is taken; a password that is too short.
     QKMember addMember(const QString &name, const QByteArray &password, bool admin);
     QList<QKMember> members();
+    // A new password, which also ends the member's sessions; false when there is no such
+    // member. Throws std::invalid_argument for a password that is too short.
+    bool setPassword(const QString &name, const QByteArray &password);
+    // False when there is no such member; their sessions and access go with them.
+    bool removeMember(const QString &name);
 
     struct Login
     {

@@ -25,12 +25,14 @@ const char Usage[] = R"(usage:
   murmora-server apps rotate NAME --data DIR [--database URL]
   murmora-server users add NAME [--admin] --data DIR [--database URL]
   murmora-server users list --data DIR [--database URL]
+  murmora-server users passwd NAME --data DIR [--database URL]
+  murmora-server users remove NAME --data DIR [--database URL]
 
 Serves the feedback protocol at https://HOST:PORT/feedback/api/v1 (default listen
 127.0.0.1:8443, port 0 picks a free one) and the team's dashboard at https://HOST:PORT/,
 keeping its data in SQLite in DIR, or in PostgreSQL with --database postgresql://...
 Without --tls-cert it makes its own certificate in DIR/tls and prints the CA file that
-clients must trust. "users add" reads the member's password from standard input.
+clients must trust. "users add" and "users passwd" read the password from standard input.
 )";
 
 void print(const QString &line, FILE *to = stdout)
@@ -127,7 +129,26 @@ int users(const QStringList &positional, const QKServiceOptions &options, bool a
             return 1;
         }
     }
-    return usage(QStringLiteral("users takes add NAME [--admin] or list."));
+    if (verb == QLatin1String("passwd") && positional.size() == 3) {
+        try {
+            if (accounts.setPassword(positional[2], readPassword())) {
+                print(QStringLiteral("%1 has a new password; their sessions have ended.").arg(positional[2]));
+                return 0;
+            }
+        } catch (const std::invalid_argument &error) {
+            print(QString::fromUtf8(error.what()), stderr);
+            return 1;
+        }
+    } else if (verb == QLatin1String("remove") && positional.size() == 3) {
+        if (accounts.removeMember(positional[2])) {
+            print(QStringLiteral("Removed %1.").arg(positional[2]));
+            return 0;
+        }
+    } else {
+        return usage(QStringLiteral("users takes add NAME [--admin], list, passwd NAME or remove NAME."));
+    }
+    print(QStringLiteral("There is no member named %1.").arg(positional[2]), stderr);
+    return 1;
 }
 
 } // namespace

@@ -552,6 +552,12 @@ void tst_QKServiceStore::dashboard()
     QCOMPARE(ada.call("PUT", "apps/" + QByteArray::number(m_app) + "/members", "{\"members\":[2]}").status, 200);
     QCOMPARE(bob.all("state=all").size(), 30);
     QCOMPARE(bob.call("GET", "threads/elsewhere").status, 404);
+    QVERIFY(accounts.setPassword("bob", "a new password"));
+    QCOMPARE(bob.call("GET", "threads").status, 401); // a new password ends the sessions
+    QCOMPARE(bob.logIn("bob", "a new password", "10.0.0.2"), 200);
+    QVERIFY(accounts.removeMember("bob"));
+    QCOMPARE(bob.call("GET", "threads").status, 401);
+    QVERIFY(!accounts.removeMember("bob"));
 
     QCOMPARE(ada.call("DELETE", "threads/i25").status, 200);
     QCOMPARE(ada.call("GET", "threads/i25").status, 404);
