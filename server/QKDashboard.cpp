@@ -537,15 +537,19 @@ struct QKDashboard::Private
         const QString state = body.value(QLatin1String("state")).toString();
         if (state != QLatin1String("Open") && state != QLatin1String("Resolved"))
             return badRequest("Feedback can only be Open or Resolved.");
-        const auto row = item(member, id);
+        auto row = item(member, id);
         if (!row)
             return notFound();
         const qint64 appId = row->value(1).toLongLong();
-        if (store->updateState(appId, id, state, now()) == 0)
+        const qint64 t = now();
+        // Zero rows: deleted since it was read.
+        if (store->updateState(appId, id, state, t) == 0)
             return notFound();
         if (events)
             events->publish({QKServiceEvent::Kind::State, appId, id, {}, false});
-        return json({{QStringLiteral("thread"), threadObject(*item(member, id))}});
+        (*row)[6] = state;
+        (*row)[8] = t;
+        return json({{QStringLiteral("thread"), threadObject(*row)}});
     }
 
     QKServiceResponse remove(const QKMember &member, const QString &id)

@@ -538,7 +538,9 @@ void tst_QKServiceStore::dashboard()
     QCOMPARE(comments[0].text, "Fixed in 2.1");
     QCOMPARE(byId("i25").comments, 2);
 
-    QCOMPARE(ada.call("PUT", "threads/i25/state", "{\"state\":\"Resolved\"}").status, 200);
+    const QKServiceResponse resolved = ada.call("PUT", "threads/i25/state", "{\"state\":\"Resolved\"}");
+    QCOMPARE(resolved.status, 200);
+    QCOMPARE(QJsonDocument::fromJson(resolved.body)["thread"]["state"].toString(), "Resolved");
     QCOMPARE(ada.all("state=resolved"), QStringList{"i25"});
     QVERIFY(!ada.all("state=open").contains("i25"));
     QCOMPARE(byId("i25").state, "Resolved");
