@@ -10,7 +10,7 @@ PACKAGES=(
   libplist-dev libplist-utils libisal-dev libdeflate-dev libpng-dev libicu-dev libbenchmark-dev libssl-dev
   libboost-dev libsqlite3-dev libpq-dev libcurl4-openssl-dev postgresql-15 libsodium-dev
   openssl ca-certificates xvfb xauth fonts-dejavu-core fonts-liberation strace
-  chromium
+  chromium doxygen
 )
 
 preset=${PRESET:-dev}
@@ -48,6 +48,11 @@ configure() {
 build() {
   configure
   cmake --build --preset "$preset"
+}
+
+docs() {
+  configure
+  cmake --build --preset "$preset" --target docs
 }
 
 run_tests() {
@@ -165,6 +170,8 @@ usage: ./dev.sh COMMAND
   bench service [--store sqlite|postgres|both] [--smoke] [--server-threads N] [--keep] ...
            murmora-server on 1,000,000 threads: listing against nginx (wrk), ingest against
            write+fsync, start-up; installs wrk and nginx-light; about 4 minutes
+  docs     the API documentation with Doxygen, in build/dev/docs (fails on an undocumented
+           member of the stable API)
   fuzz     [SECONDS] [TARGET...]: build the libFuzzer targets (clang) and run each
            for SECONDS (600); new crash inputs land in fuzz/crashes
 USAGE
@@ -178,6 +185,7 @@ case "$cmd" in
   test) deps; build; run_tests "$@" ;;
   demo) deps; demo "$@" ;;
   server) deps; server "$@" ;;
+  docs) deps; docs ;;
   bench)
     if [ "${1:-}" = service ]; then
       shift

@@ -4,7 +4,7 @@
 
 #include "SyntheticScreenshot.h"
 
-#include "annotation/QKFeedbackPoint.h"
+#include "models/QKFeedbackPoint.h"
 #include "annotation/QKFeedbackSendViewController.h"
 #include "base/QKDocumentsDirectory.h"
 #include "base/QKDispatch.h"

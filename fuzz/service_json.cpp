@@ -29,12 +29,13 @@ void checkError(const QJsonValue &answer, const std::optional<QKError> &error)
     FUZZ_CHECK(error.has_value() == hasCode);
     if (!error)
         return;
-    FUZZ_CHECK(error->code >= std::numeric_limits<qint32>::min() && error->code <= std::numeric_limits<qint32>::max());
+    FUZZ_CHECK(error->code() >= std::numeric_limits<qint32>::min() &&
+               error->code() <= std::numeric_limits<qint32>::max());
     FUZZ_CHECK(!error->message().isNull());
     const QJsonValue code = answer.toObject().value(QStringLiteral("code"));
     const double number = code.toDouble();
     if (code.isDouble() && number == std::trunc(number) && std::fabs(number) <= 2147483647.0)
-        FUZZ_CHECK(error->code == qint64(number));
+        FUZZ_CHECK(error->code() == qint64(number));
     const QJsonValue message = answer.toObject().value(QStringLiteral("message"));
     if (message.isString())
         FUZZ_CHECK(error->message() == message.toString());

@@ -16,10 +16,14 @@
 #include "screens/QKFeedbackSettingsViewController.h"
 #include "screens/QKFeedbackYourItemsViewController.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QTest>
+#include <QTimer>
+#include <QKeyEvent>
+#include <QMouseEvent>
 
 #include <cstdio>
 
@@ -42,6 +46,34 @@ QPointF centreInWindow(QKView *view)
     return view->convertPointToView(view->bounds().center(), nullptr);
 }
 
+// The tour drives the screens with the events a person's input would make, without QtTest.
+void pause(int milliseconds)
+{
+    QEventLoop loop;
+    QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+void click(QWidget *target, const QPoint &at)
+{
+    const QPointF global = target->mapToGlobal(QPointF(at));
+    for (auto type : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
+        const Qt::MouseButtons buttons = type == QEvent::MouseButtonPress ? Qt::LeftButton : Qt::NoButton;
+        QMouseEvent event(type, QPointF(at), global, Qt::LeftButton, buttons, Qt::NoModifier);
+        QCoreApplication::sendEvent(target, &event);
+    }
+}
+
+void type(QWidget *target, const QString &text)
+{
+    for (const QChar c : text) {
+        for (auto kind : {QEvent::KeyPress, QEvent::KeyRelease}) {
+            QKeyEvent event(kind, 0, Qt::NoModifier, QString(c));
+            QCoreApplication::sendEvent(target, &event);
+        }
+    }
+}
+
 } // namespace
 
 template <class Condition>
@@ -53,9 +85,9 @@ bool Tour::waitFor(Condition condition, int milliseconds)
         if (clock.elapsed() > milliseconds)
             return false;
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-        QTest::qWait(10);
+        pause(10);
     }
-    QTest::qWait(50);
+    pause(50);
     return true;
 }
 
@@ -64,7 +96,7 @@ void Tour::tap(const QPointF &point)
     QWidget *target = m_window->childAt(point.toPoint());
     if (!target)
         target = m_window;
-    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(m_window, point.toPoint()));
+    click(target, target->mapFrom(m_window, point.toPoint()));
 }
 
 bool Tour::step(const char *name, bool done)
@@ -88,7 +120,7 @@ bool Tour::run()
 
     // The app's own button opens the menu.
     auto *button = m_window->findChild<QPushButton *>();
-    QTest::mouseClick(button, Qt::LeftButton);
+    click(button, button->rect().center());
     if (!step("menu", waitFor([] { return QKActionSheet::visibleSheets().size() == 1; })))
         return false;
     tap(QKActionSheet::visibleSheets().first()->rectForButtonAtIndex(0).center());
@@ -106,7 +138,7 @@ bool Tour::run()
         tap(surface->convertPointToView(QPointF(size.width() * places[i].x(), size.height() * places[i].y()), nullptr));
         if (!waitFor([&] { return send->textView() && send->textView()->textField()->isFirstResponder(); }))
             return step("comment-bar", false);
-        QTest::keyClicks(send->textView()->textField()->lineEdit(), comments[i]);
+        type(send->textView()->textField()->lineEdit(), comments[i]);
         if (i == 1 && !step("markers", true))
             return false;
         tap(centreInWindow(send->textView()->sendButton()));
@@ -120,7 +152,7 @@ bool Tour::run()
     if (!waitFor([&] { return (name = topScreen<QKFeedbackSettingsViewController>()); }))
         return step("name-screen", false);
     tap(centreInWindow(name->nameTextField()));
-    QTest::keyClicks(name->nameTextField()->lineEdit(), QStringLiteral("Ada Lovelace"));
+    type(name->nameTextField()->lineEdit(), QStringLiteral("Ada Lovelace"));
     if (!step("name-screen", true))
         return false;
     tap(centreInWindow(name->continueButton()));
@@ -135,8 +167,7 @@ bool Tour::run()
     if (!details)
         return false;
     tap(centreInWindow(details->textView()->textField()));
-    QTest::keyClicks(details->textView()->textField()->lineEdit(),
-                     QStringLiteral("Fixed in the next version, thanks!"));
+    type(details->textView()->textField()->lineEdit(), QStringLiteral("Fixed in the next version, thanks!"));
     tap(centreInWindow(details->textView()->sendButton()));
     const QKFeedbackItemPtr item = details->feedbackItem();
     if (!step("comment", waitFor([&] { return item && item->subItems() && item->subItems()->size() == 1; })))

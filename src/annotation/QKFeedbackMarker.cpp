@@ -1,6 +1,6 @@
 #include "QKFeedbackMarker.h"
 
-#include "QKFeedbackPoint.h"
+#include "../models/QKFeedbackPoint.h"
 
 QKFeedbackMarker::QKFeedbackMarker(const QRectF &frame, QWidget *parent) : QKView(frame, parent)
 {

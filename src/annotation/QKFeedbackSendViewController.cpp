@@ -5,7 +5,6 @@
 #include "QKFeedbackTextView.h"
 
 #include "../base/QKLocalizedString.h"
-#include "../base/QKWhitespace.h"
 #include "../core/QKFeedback.h"
 #include "../kit/QKAnimation.h"
 #include "../kit/QKBarButtonItem.h"
@@ -15,8 +14,7 @@
 #include "../kit/QKLabel.h"
 #include "../kit/QKNotificationCenter.h"
 #include "../kit/QKScrollView.h"
-
-#include <QPainter>
+#include "../models/QKPalette.h"
 
 namespace {
 
@@ -28,7 +26,8 @@ bool rectContainsPoint(const QRectF &rect, const QPointF &point)
 
 } // namespace
 
-QKFeedbackSendViewController::QKFeedbackSendViewController(QObject *parent) : QKViewController(parent)
+QKFeedbackSendViewController::QKFeedbackSendViewController(QObject *parent)
+    : QKViewController(parent), m_model(new QKAnnotationModel(this))
 {}
 
 QKFeedbackSendViewController::~QKFeedbackSendViewController()
@@ -45,12 +44,13 @@ void QKFeedbackSendViewController::viewDidLoad()
     // As the platform's title setter does: the bar may have been given the item before this load.
     navigationItem()->setTitle(title());
     QKView *root = view();
-    root->setBackgroundColor(Qt::white);
+    root->setBackgroundColor(QKPalette::background());
 
     auto *send = new QKBarButtonItem(QKLocalizedString("Send"), QKBarButtonItem::Plain,
                                      [this](QKBarButtonItem *sender) { sendTouched(sender); });
     navigationItem()->setRightBarButtonItem(send);
-    send->setEnabled(false);
+    send->setEnabled(m_model->canSend());
+    connect(m_model, &QKAnnotationModel::canSendChanged, send, [this, send] { send->setEnabled(m_model->canSend()); });
     navigationItem()->setLeftBarButtonItem(new QKBarButtonItem(
         QKLocalizedString("Back"), QKBarButtonItem::Done, [this](QKBarButtonItem *sender) { backTouched(sender); }));
 
@@ -76,11 +76,12 @@ void QKFeedbackSendViewController::viewDidLoad()
     m_imageView->setShadowOffset(QPointF(2.0, 2.0));
     m_imageView->setShadowOpacity(0.5);
     m_imageView->setShadowRadius(2.0);
-    m_imageView->setShadowColor(Qt::black);
+    m_imageView->setShadowColor(QKPalette::shadow());
     m_scrollView->addSubview(m_imageView);
 
     m_surfaceView = new QKFeedbackSurfaceView(pictureFrame);
     m_surfaceView->setBackgroundColor(Qt::transparent);
+    m_surfaceView->setModel(m_model);
     m_surfaceView->setOriginalImageSize(screenshot.deviceIndependentSize());
     m_scrollView->addSubview(m_surfaceView);
 
@@ -132,26 +133,19 @@ bool QKFeedbackSendViewController::isPortrait(qint64 orientation)
 
 void QKFeedbackSendViewController::touchesEnded(const QPointF &location)
 {
-    if (m_textView) {
+    if (m_textView || m_model->isEditing()) {
         // A tap while a comment is open only closes it, as it was before this edit.
-        if (m_currentPoint) {
-            if (!m_originalText.isEmpty())
-                m_currentPoint->setAnnotationText(m_originalText);
-            else
-                m_surfaceView->removeFeedback(m_currentPoint);
-        }
-        m_currentPoint.clear();
+        m_model->cancelEditing();
         removeTextView();
         return;
     }
     const QRectF frame = m_surfaceView->frame();
     if (!rectContainsPoint(frame, location))
         return;
-    m_currentPoint = m_surfaceView->feedbackAtPoint(location - frame.topLeft());
-    m_originalText = m_currentPoint->annotationText();
+    m_model->beginEditing(m_surfaceView->surfacePointToItemPoint(location - frame.topLeft()));
     m_surfaceView->setUserInteractionEnabled(false);
 
-    auto *bar = new QKFeedbackTextView(m_currentPoint->annotationText());
+    auto *bar = new QKFeedbackTextView(m_model->currentPoint()->annotationText());
     const QSizeF rootSize = view()->bounds().size();
     const QSizeF fit = bar->sizeThatFits(rootSize);
     bar->setFrame(QRectF(0, rootSize.height() - fit.height(), fit.width(), fit.height()));
@@ -163,8 +157,7 @@ void QKFeedbackSendViewController::touchesEnded(const QPointF &location)
 
 void QKFeedbackSendViewController::feedbackTextView(QKFeedbackTextView *, const QString &text)
 {
-    if (m_currentPoint)
-        m_currentPoint->setAnnotationText(text);
+    m_model->finishEditing(text);
     removeTextView();
 }
 
@@ -175,8 +168,7 @@ void QKFeedbackSendViewController::feedbackTextViewEndEdit(QKFeedbackTextView *)
 
 void QKFeedbackSendViewController::removeTextView()
 {
-    if (m_currentPoint && QKTrimmedWhitespace(m_currentPoint->annotationText()).isEmpty())
-        m_surfaceView->removeFeedback(m_currentPoint);
+    m_model->endEditing();
     if (m_textView) {
         // Cleared first: losing the focus on removal would otherwise come back here.
         m_textView->setDelegate(nullptr);
@@ -184,10 +176,7 @@ void QKFeedbackSendViewController::removeTextView()
         // Later: this may run inside one of the bar's own event handlers.
         m_textView->deleteLater();
         m_textView.clear();
-        m_currentPoint.clear();
     }
-    if (QKBarButtonItem *send = navigationItem()->rightBarButtonItem())
-        send->setEnabled(!m_surfaceView->feedbackPoints().isEmpty());
 }
 
 void QKFeedbackSendViewController::keyboardWillShow(const QKNotification &notification)
@@ -201,9 +190,9 @@ void QKFeedbackSendViewController::keyboardWillShow(const QKNotification &notifi
             const qreal barHeight = m_textView ? m_textView->bounds().height() : 0.0;
             const qreal top = m_scrollView->bounds().height() - (height + barHeight);
             // The marker's centre plus its whole height: half a marker to spare.
-            const qreal over = m_surfaceView->locationOfItem(m_currentPoint).y() +
-                               (m_currentPoint ? m_currentPoint->size().height() : 0.0) + m_surfaceView->frame().y() -
-                               top;
+            const QKFeedbackPointPtr current = m_model->currentPoint();
+            const qreal over = m_surfaceView->locationOfItem(current).y() + (current ? current->size().height() : 0.0) +
+                               m_surfaceView->frame().y() - top;
             if (m_textView)
                 m_textView->setFrame(QRectF(0, top, m_textView->bounds().width(), barHeight));
             if (over > 0)
@@ -232,54 +221,11 @@ void QKFeedbackSendViewController::backTouched(QKBarButtonItem *)
 
 QKFeedbackItemList QKFeedbackSendViewController::feedbackItems() const
 {
-    if (!m_surfaceView)
-        return QKFeedbackItemList();
-    return itemsForPoints(QKFeedback::sharedInstance()->screenshot(), m_surfaceView->originalImageSize(),
-                          m_surfaceView->feedbackPoints());
+    return m_model->feedbackItems(QKFeedback::sharedInstance()->screenshot());
 }
 
 QKFeedbackItemList QKFeedbackSendViewController::itemsForPoints(const QImage &screenshot, const QSizeF &size,
                                                                 const QList<QKFeedbackPointPtr> &points)
 {
-    QKFeedbackItemList items;
-    if (points.isEmpty())
-        return items;
-    // Every item's picture is the screenshot drawn into a canvas of the item's size
-    // with its own marker on top. The canvas is drawn once and shared: each item
-    // keeps only the square under its marker, and the PNGs share the rest.
-    const qreal ratio = screenshot.devicePixelRatio();
-    QImage canvas(QSize(qCeil(size.width() * ratio), qCeil(size.height() * ratio)),
-                  QImage::Format_ARGB32_Premultiplied);
-    canvas.setDevicePixelRatio(ratio);
-    canvas.fill(Qt::transparent);
-    {
-        QPainter painter(&canvas);
-        painter.setRenderHint(QPainter::SmoothPixmapTransform);
-        painter.drawImage(QRectF(QPointF(0, 0), size), screenshot);
-    }
-    const QKPNGBands base(canvas);
-    for (const QKFeedbackPointPtr &point : points) {
-        auto item = QKFeedbackItem::create();
-        item->setState(QKLocalizedString("Open"));
-        item->setCreatedAt(QDateTime::currentDateTimeUtc());
-        item->setText(point->annotationText());
-
-        const QRectF marker(point->location() - QPointF(point->size().width(), point->size().height()) * 0.5,
-                            point->size());
-        // A pixel more on each side for the antialiased edge.
-        const QRect area =
-            QRectF(marker.topLeft() * ratio, marker.size() * ratio).toAlignedRect().adjusted(-2, -2, 2, 2) &
-            canvas.rect();
-        QImage patch = canvas.copy(area);
-        patch.setDevicePixelRatio(1.0);
-        if (!area.isEmpty()) {
-            // The canvas's own device transform, moved so the patch's corner is the origin.
-            QPainter painter(&patch);
-            painter.setTransform(QTransform(ratio, 0, 0, ratio, -area.x(), -area.y()));
-            point->drawInContext(painter, nullptr);
-        }
-        item->setImage(base, patch, area.topLeft());
-        items.append(item);
-    }
-    return items;
+    return QKAnnotationModel::itemsForPoints(screenshot, size, points);
 }

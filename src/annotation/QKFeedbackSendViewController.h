@@ -2,7 +2,8 @@
 
 #include "../data/QKFeedbackItem.h"
 #include "../kit/QKViewController.h"
-#include "QKFeedbackPoint.h"
+#include "../models/QKAnnotationModel.h"
+#include "../models/QKFeedbackPoint.h"
 #include "QKFeedbackTextView.h"
 #include "QKFeedbackTextViewDelegate.h"
 
@@ -19,7 +20,8 @@ class QKScrollView;
 /// The screen on which the user marks the façade's screenshot: a tap on the picture
 /// drops a marker (or picks the one there) and opens a comment bar for it; "Send"
 /// tells the delegate, which fetches one item per marker from feedbackItems. The
-/// screen sends nothing itself. Main thread only.
+/// screen sends nothing itself, and decides nothing about markers: its annotation
+/// model (a child) keeps them and the comment rules. Main thread only.
 ///
 /// The comment bar rides on the keyboard's height in every orientation and on every
 /// system version. (The platform this screen comes from took the frame's width on
@@ -41,14 +43,13 @@ public:
     /// True for the two portrait interface orientations, 1 and 2.
     static bool isPortrait(qint64 orientation);
 
-    /// With a comment open: closes it, restoring the marker's comment (or removing a
-    /// marker that had none). Otherwise a tap on the picture opens the bar for the
-    /// marker there, made at once when there is none.
+    /// With a comment open: the model puts the comment back, and the bar closes.
+    /// Otherwise a tap on the picture opens the bar for the model's marker there.
     void touchesEnded(const QPointF &location) override;
     void feedbackTextView(QKFeedbackTextView *textView, const QString &text) override;
     void feedbackTextViewEndEdit(QKFeedbackTextView *textView) override;
-    /// Ends editing: drops the current marker when its comment is only blanks, removes
-    /// the bar and enables "Send" exactly when a marker remains.
+    /// Ends the model's edit as it stands and removes the bar; "Send" follows the
+    /// model's canSend.
     void removeTextView();
 
     void keyboardWillShow(const QKNotification &notification);
@@ -56,13 +57,14 @@ public:
     void sendTouched(QKBarButtonItem *sender);
     void backTouched(QKBarButtonItem *sender);
 
-    /// One item per marker, in order: the screenshot at its full size with only that
-    /// marker drawn on it, its comment, state "Open", created now.
+    /// The model's items for the façade's screenshot as it is now.
     QKFeedbackItemList feedbackItems() const;
-    /// One item per point: the screenshot drawn at `size` (points) with that point's
-    /// marker, state "Open", created now, the point's text.
+    /// QKAnnotationModel::itemsForPoints, kept here for existing callers.
     static QKFeedbackItemList itemsForPoints(const QImage &screenshot, const QSizeF &size,
                                              const QList<QKFeedbackPointPtr> &points);
+
+    /// The markers and the comment rules; owned by the screen.
+    QKAnnotationModel *model() const { return m_model; }
 
     QKScrollView *scrollView() const { return m_scrollView; }
     QKLabel *label() const { return m_label; }
@@ -70,10 +72,10 @@ public:
     QKFeedbackSurfaceView *surfaceView() const { return m_surfaceView; }
     /// Null while no comment is open.
     QKFeedbackTextView *textView() const { return m_textView; }
-    QKFeedbackPointPtr currentPoint() const { return m_currentPoint; }
-    void setCurrentPoint(const QKFeedbackPointPtr &point) { m_currentPoint = point; }
-    QString originalText() const { return m_originalText; }
-    void setOriginalText(const QString &text) { m_originalText = text; }
+    /// The model's marker being edited; null while none is.
+    QKFeedbackPointPtr currentPoint() const { return m_model->currentPoint(); }
+    /// The model's comment as it was when the edit began.
+    QString originalText() const { return m_model->originalText(); }
     /// Not owned: the delegate clears it, or outlives the screen.
     QKFeedbackSendViewControllerDelegate *delegate() const { return m_delegate; }
     void setDelegate(QKFeedbackSendViewControllerDelegate *delegate) { m_delegate = delegate; }
@@ -85,7 +87,6 @@ private:
     QKFeedbackSurfaceView *m_surfaceView = nullptr;
     // Guarded: the root view, and the bar with it, may go before this controller.
     QPointer<QKFeedbackTextView> m_textView;
-    QKFeedbackPointPtr m_currentPoint;
-    QString m_originalText;
+    QKAnnotationModel *m_model = nullptr;
     QKFeedbackSendViewControllerDelegate *m_delegate = nullptr;
 };

@@ -2,56 +2,76 @@
 
 #include <QPainter>
 
-QKFeedbackSurfaceView::QKFeedbackSurfaceView(const QRectF &frame, QWidget *parent) : QKView(frame, parent)
-{}
+QKFeedbackSurfaceView::QKFeedbackSurfaceView(const QRectF &frame, QWidget *parent)
+    : QKView(frame, parent), m_ownModel(new QKAnnotationModel(this))
+{
+    setModel(nullptr);
+}
 
 QKFeedbackSurfaceView::~QKFeedbackSurfaceView() = default;
 
+QKAnnotationModel *QKFeedbackSurfaceView::model() const
+{
+    return m_model ? m_model.data() : m_ownModel;
+}
+
+void QKFeedbackSurfaceView::setModel(QKAnnotationModel *model)
+{
+    if (m_model)
+        disconnect(m_model, nullptr, this, nullptr);
+    m_model = model ? model : m_ownModel;
+    connect(m_model, &QKAnnotationModel::pointsChanged, this, &QKFeedbackSurfaceView::requestRedraw);
+    requestRedraw();
+}
+
+QList<QKFeedbackPointPtr> QKFeedbackSurfaceView::feedbackPoints() const
+{
+    return model()->points();
+}
+
 void QKFeedbackSurfaceView::setFeedbackPoints(const QList<QKFeedbackPointPtr> &points)
 {
-    m_feedbackPoints = points;
-    requestRedraw();
+    model()->setPoints(points);
+}
+
+QSizeF QKFeedbackSurfaceView::originalImageSize() const
+{
+    return model()->imageSize();
+}
+
+void QKFeedbackSurfaceView::setOriginalImageSize(const QSizeF &size)
+{
+    model()->setImageSize(size);
 }
 
 QKFeedbackPointPtr QKFeedbackSurfaceView::feedbackAtPoint(const QPointF &point)
 {
-    const QPointF item = surfacePointToItemPoint(point);
-    for (qsizetype i = m_feedbackPoints.size() - 1; i >= 0; --i)
-        if (m_feedbackPoints.at(i)->contains(item))
-            return m_feedbackPoints.at(i);
-    auto created = QKFeedbackPointPtr::create(item);
-    m_feedbackPoints.append(created);
-    requestRedraw();
-    return created;
+    return model()->feedbackAtPoint(surfacePointToItemPoint(point));
 }
 
 void QKFeedbackSurfaceView::addFeedback(const QKFeedbackPointPtr &point)
 {
     // feedbackAtPoint never answers null, so the given marker is never appended; kept as it always behaved.
-    if (!feedbackAtPoint(point ? point->location() : QPointF())) {
-        m_feedbackPoints.append(point);
-        requestRedraw();
-    }
+    feedbackAtPoint(point ? point->location() : QPointF());
 }
 
 void QKFeedbackSurfaceView::removeFeedback(const QKFeedbackPointPtr &point)
 {
-    if (m_feedbackPoints.removeAll(point) > 0)
-        requestRedraw();
+    model()->removePoint(point);
 }
 
 QPointF QKFeedbackSurfaceView::itemPointToSurfacePoint(const QPointF &point) const
 {
     const QSizeF size = bounds().size();
-    return QPointF(size.width() * (point.x() / m_originalImageSize.width()),
-                   size.height() * (point.y() / m_originalImageSize.height()));
+    const QSizeF image = originalImageSize();
+    return QPointF(size.width() * (point.x() / image.width()), size.height() * (point.y() / image.height()));
 }
 
 QPointF QKFeedbackSurfaceView::surfacePointToItemPoint(const QPointF &point) const
 {
     const QSizeF size = bounds().size();
-    return QPointF(m_originalImageSize.width() * (point.x() / size.width()),
-                   m_originalImageSize.height() * (point.y() / size.height()));
+    const QSizeF image = originalImageSize();
+    return QPointF(image.width() * (point.x() / size.width()), image.height() * (point.y() / size.height()));
 }
 
 QPointF QKFeedbackSurfaceView::locationOfItem(const QKFeedbackPointPtr &point) const
@@ -63,8 +83,9 @@ QPointF QKFeedbackSurfaceView::locationOfItem(const QKFeedbackPointPtr &point) c
 
 void QKFeedbackSurfaceView::drawRect(QPainter &painter, const QRectF &)
 {
-    for (const QKFeedbackPointPtr &point : std::as_const(m_feedbackPoints))
-        point->drawInContext(painter, this);
+    // Markers keep their size on screen however far the picture is scaled down.
+    for (const QKFeedbackPointPtr &point : model()->points())
+        point->drawAt(painter, itemPointToSurfacePoint(point->location()));
 }
 
 void QKFeedbackSurfaceView::requestRedraw()

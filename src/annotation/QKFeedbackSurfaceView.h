@@ -1,12 +1,18 @@
 #pragma once
 
 #include "../kit/QKView.h"
-#include "QKFeedbackPoint.h"
+#include "../models/QKAnnotationModel.h"
+#include "../models/QKFeedbackPoint.h"
 
-/// The transparent overlay over the scaled screenshot that holds the markers: it finds
-/// or creates the marker under a tap, maps between item space (the screenshot at
-/// originalImageSize) and its own bounds, and draws every marker, later ones on top.
-/// Main thread only.
+#include <QPointer>
+
+/// The transparent overlay over the scaled screenshot that shows the markers of an
+/// annotation model: it maps between item space (the screenshot at originalImageSize)
+/// and its own bounds, hands taps to the model in item space, and draws every marker,
+/// later ones on top, redrawing whenever the model's list changes.
+///
+/// Made with a model of its own (its child); setModel shares another one, such as the
+/// send screen's. Main thread only.
 class MURMORA_EXPORT QKFeedbackSurfaceView : public QKView
 {
     Q_OBJECT
@@ -14,12 +20,18 @@ public:
     explicit QKFeedbackSurfaceView(const QRectF &frame = QRectF(), QWidget *parent = nullptr);
     ~QKFeedbackSurfaceView() override;
 
-    /// In the order they were made.
-    const QList<QKFeedbackPointPtr> &feedbackPoints() const { return m_feedbackPoints; }
+    /// The model shown; never null while the surface lives.
+    QKAnnotationModel *model() const;
+    /// Shows `model` (not owned) instead; null goes back to the surface's own.
+    void setModel(QKAnnotationModel *model);
+
+    /// The model's markers, in the order they were made.
+    QList<QKFeedbackPointPtr> feedbackPoints() const;
     void setFeedbackPoints(const QList<QKFeedbackPointPtr> &points);
-    /// Set before any mapping or hit test; the mappings divide by it unguarded.
-    QSizeF originalImageSize() const { return m_originalImageSize; }
-    void setOriginalImageSize(const QSizeF &size) { m_originalImageSize = size; }
+    /// The model's image size. Set before any mapping or hit test; the mappings divide
+    /// by it unguarded.
+    QSizeF originalImageSize() const;
+    void setOriginalImageSize(const QSizeF &size);
 
     /// The newest marker whose hit box holds `point` (surface space), else a new one
     /// made there and appended. Never null.
@@ -44,6 +56,6 @@ signals:
 private:
     void requestRedraw();
 
-    QList<QKFeedbackPointPtr> m_feedbackPoints;
-    QSizeF m_originalImageSize;
+    QKAnnotationModel *m_ownModel = nullptr;
+    QPointer<QKAnnotationModel> m_model;
 };

@@ -6,24 +6,20 @@
 #include "../base/QKWhitespace.h"
 #include "../kit/QKButton.h"
 #include "../kit/QKTextField.h"
+#include "../models/QKPalette.h"
 
-namespace {
-
-// The platform's lightGrayColor, two thirds white.
-const QColor lightGray = QColor::fromRgbF(2.0 / 3, 2.0 / 3, 2.0 / 3);
-
-} // namespace
+namespace {} // namespace
 
 QKFeedbackTextView::QKFeedbackTextView(const QRectF &frame, QWidget *parent)
     : QKView(frame, parent), m_headerBorder(new QKView), m_textField(new QKTextField),
       m_sendButton(new QKButton(QKButton::Custom))
 {
-    setBackgroundColor(Qt::white);
+    setBackgroundColor(QKPalette::background());
 
-    m_headerBorder->setBackgroundColor(lightGray);
+    m_headerBorder->setBackgroundColor(QKPalette::secondaryText());
     addSubview(m_headerBorder);
 
-    m_textField->setTintColor(Qt::black);
+    m_textField->setTintColor(QKPalette::text());
     m_textField->setBorderStyle(QKTextField::BorderRoundedRect);
     m_textField->setPlaceholder(QKLocalizedString("Comment"));
     m_textField->setDidEndEditing([this](QKTextField *field) { textFieldDidEndEditing(field); });
@@ -33,8 +29,8 @@ QKFeedbackTextView::QKFeedbackTextView(const QRectF &frame, QWidget *parent)
 
     m_sendButton->setEnabled(false);
     m_sendButton->setTitle(QKLocalizedString("Done"), QKButton::Normal);
-    m_sendButton->setTitleColor(lightGray, QKButton::Disabled);
-    m_sendButton->setTitleColor(QColor::fromRgbF(0.0, 122.0 / 255.0, 1.0, 1.0), QKButton::Normal);
+    m_sendButton->setTitleColor(QKPalette::secondaryText(), QKButton::Disabled);
+    m_sendButton->setTitleColor(QKPalette::tint(), QKButton::Normal);
     m_sendButton->addTarget(
         this, [this](QKControl *sender) { sendButtonTouched(sender); }, QKControl::TouchUpInside);
     addSubview(m_sendButton);

@@ -7,5 +7,6 @@
 class MURMORA_DATA_EXPORT QKArchiveException : public QKException
 {
 public:
+    /// An exception named "NSInvalidUnarchiveOperationException" with `reason`.
     explicit QKArchiveException(const QString &reason);
 };

@@ -118,6 +118,38 @@ void QKDispatch::async(const QKDispatchQueue &queue, std::function<void()> block
     }
 }
 
+namespace {
+// Fires once into a context's thread. It lives on no thread, so whichever thread
+// drops the last copy of the hand-over may delete it.
+class QKDeliveryRelay : public QObject
+{
+    Q_OBJECT
+public:
+    QKDeliveryRelay() { moveToThread(nullptr); }
+signals:
+    void fire();
+};
+} // namespace
+
+std::function<void(std::function<void()>)> QKDispatch::deliverTo(const QObject *context)
+{
+    auto relay = std::make_shared<QKDeliveryRelay>();
+    auto pending = std::make_shared<std::function<void()>>();
+    // The connection is what knows whether the context still lives: Qt drops it, and
+    // any call already posted to the context, when the context is destroyed.
+    QObject::connect(
+        relay.get(), &QKDeliveryRelay::fire, context,
+        [pending] {
+            if (auto block = std::exchange(*pending, {}))
+                block();
+        },
+        Qt::ConnectionType(Qt::QueuedConnection | Qt::SingleShotConnection));
+    return [relay, pending](std::function<void()> block) {
+        *pending = std::move(block);
+        emit relay->fire();
+    };
+}
+
 bool QKDispatch::isMainThread()
 {
     auto *app = QCoreApplication::instance();
@@ -131,3 +163,5 @@ void QKAssertMainThread(std::source_location where)
     qFatal("Murmora: %s (%s:%u) must run on the main thread, not on thread %p", where.function_name(),
            where.file_name(), unsigned(where.line()), static_cast<void *>(QThread::currentThread()));
 }
+
+#include "QKDispatch.moc"

@@ -2,6 +2,8 @@
 
 #include "QKGlobal.h"
 
+class QObject;
+
 #include <functional>
 #include <source_location>
 
@@ -9,8 +11,10 @@
 class MURMORA_DATA_EXPORT QKDispatchQueue
 {
 public:
+    /// The main thread, or the global pool.
     enum class Kind { Main, Global };
 
+    /// Which of the two queues this is.
     Kind kind() const { return m_kind; }
 
 private:
@@ -32,7 +36,14 @@ public:
     /// destructor waits for them; after it, blocks posted here are dropped.
     static QKDispatchQueue globalQueue();
 
+    /// Runs `block` on `queue`, later; never before this call returns.
     static void async(const QKDispatchQueue &queue, std::function<void()> block);
+
+    /// A hand-over to `context`'s thread for one block: the function returned may be
+    /// called once, from any thread, and runs its block on that thread's event loop,
+    /// or not at all once `context` is destroyed (the idiom of QTimer::singleShot with
+    /// a context). Make it while `context` surely lives, usually on its own thread.
+    static std::function<void(std::function<void()>)> deliverTo(const QObject *context);
 
     /// True on the application's main thread.
     static bool isMainThread();

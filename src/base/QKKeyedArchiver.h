@@ -40,10 +40,14 @@ public:
     /// for every image on every save), stored as a string without a round trip
     /// through UTF-16 and not shared with equal strings; a null array is nil.
     void encodeASCIIString(const QByteArray &ascii, const QString &key);
+    /// Stores a boolean.
     void encodeBool(bool value, const QString &key);
+    /// Stores an integer.
     void encodeInt64(qint64 value, const QString &key);
+    /// Stores a real number.
     void encodeDouble(double value, const QString &key);
 
+    /// Only the archiver's own entry points make and end one.
     ~QKKeyedArchiver();
 
 private:

@@ -47,13 +47,18 @@ public:
     /// A string's characters as bytes (UTF-8 when not ASCII), for large ASCII text
     /// (Base64 images) that need not become UTF-16. Null when absent or nil.
     QByteArray decodeASCIIString(const QString &key);
+    /// A date (its "NS.time"); invalid when absent or nil.
     QDateTime decodeDate(const QString &key);
+    /// An array's values; std::nullopt when absent or nil.
     std::optional<QVariantList> decodeArray(const QString &key);
+    /// The object at `key` as a T; null when absent or nil, QKArchiveException when of another class.
     template <class T>
     QSharedPointer<T> decodeObjectOfClass(const QString &key)
     {
         return castObject<T>(decodeObject(key), key);
     }
+    /// An array whose every entry is a T; std::nullopt when absent or nil,
+    /// QKArchiveException for a nil entry or one of another class.
     template <class T>
     std::optional<QList<QSharedPointer<T>>> decodeArrayOfObjectsOfClass(const QString &key)
     {
@@ -72,9 +77,12 @@ public:
     }
     /// Primitive values; 0 or false when absent.
     bool decodeBool(const QString &key);
+    /// An integer; 0 when absent.
     qint64 decodeInt64(const QString &key);
+    /// A real number; 0 when absent.
     double decodeDouble(const QString &key);
 
+    /// Only the unarchiver's own entry points make and end one.
     ~QKKeyedUnarchiver();
 
 private:

@@ -285,7 +285,7 @@ Band encodeBand(const Pixels &pixels, int first, int last,
     band.adler = quint32(libdeflate_adler32(1, s.filtered.data(), size_t(rawLength)));
     s.compressed.resize(size_t(rawLength + rawLength / 16 + 1024));
     s.levelBuffer.resize(ISAL_DEF_LVL1_DEFAULT);
-    isal_zstream stream;
+    isal_zstream stream{}; // the stateless init leaves some fields as they were
     isal_deflate_stateless_init(&stream);
     stream.level = 1;
     stream.level_buf = s.levelBuffer.data();

@@ -5,5 +5,10 @@ QKUnrecognizedSelectorException::QKUnrecognizedSelectorException(const QString &
     : QKException(QStringLiteral("NSInvalidArgumentException"),
                   QStringLiteral("-[%1 %2]: unrecognized selector sent to instance 0x%3")
                       .arg(className, selector, QString::number(reinterpret_cast<quintptr>(instance), 16))),
-      m_selector(selector)
+      d(std::make_shared<const QString>(selector))
 {}
+
+QString QKUnrecognizedSelectorException::selector() const
+{
+    return *d;
+}

@@ -11,8 +11,9 @@ public:
     /// e.g. "QKLocalFeedbackSource" and "imageForKey:completionHandler:".
     QKUnrecognizedSelectorException(const QString &className, const QString &selector, const void *instance);
 
-    QString selector() const { return m_selector; }
+    /// The operation that was asked for.
+    QString selector() const;
 
 private:
-    QString m_selector;
+    std::shared_ptr<const QString> d;
 };

@@ -1,14 +1,8 @@
 #include "QKFeedback.h"
 
 #include "../annotation/QKFeedbackSendViewController.h"
-#include "../base/QKArchiveException.h"
-#include "../base/QKDispatch.h"
-#include "../base/QKDocumentsDirectory.h"
-#include "../base/QKKeyedArchiver.h"
-#include "../base/QKKeyedUnarchiver.h"
 #include "../base/QKLocalizedString.h"
 #include "../base/QKUnrecognizedSelectorException.h"
-#include "../base/QKWhitespace.h"
 #include "../kit/QKActionSheet.h"
 #include "../kit/QKActivityIndicatorView.h"
 #include "../kit/QKAlertView.h"
@@ -23,25 +17,112 @@
 
 #include <QPointer>
 
-namespace {
+#include <algorithm>
+#include <limits>
+#include "../models/QKPalette.h"
 
-const QString NameKey = QStringLiteral("Name");
+namespace {
 
 QKNavigationController *navigationFor(QKViewController *screen, qint64 style)
 {
     auto *navigation = new QKNavigationController(screen);
     navigation->navigationBar()->setTranslucent(false);
     navigation->setModalTransitionStyle(int(style));
-    navigation->navigationBar()->setTintColor(QColor::fromRgbF(10 / 255.0, 96 / 255.0, 1.0, 1.0));
+    navigation->navigationBar()->setTintColor(QKPalette::navigationTint());
     return navigation;
+}
+
+// Only the sign and the platform's four styles mean anything: the rest keeps its sign.
+QKFeedback::TransitionStyle styleFrom(qint64 style)
+{
+    return QKFeedback::TransitionStyle(
+        std::clamp<qint64>(style, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 } // namespace
 
-QKFeedback::QKFeedback()
+class QKFeedbackPrivate
 {
-    loadSettings();
+public:
+    QKFeedbackSendFlow flow;
+    bool feedbackIsShown = false;
+    QImage screenshot;
+    QKFeedback::TransitionStyle transitionStyle = QKFeedback::CoverVertical;
+    // The stack opened from the menu; compared only, never dereferenced.
+    const QObject *shownStack = nullptr;
+    // The send screen of the send under way, for the name screen to be pushed onto.
+    QPointer<QKViewController> sender;
+    // Where the busy indicator of the last send went, and the stack it closes.
+    QPointer<QKViewController> sendingTop;
+    QPointer<QKActivityIndicatorView> spinner;
+};
+
+QKFeedback::QKFeedback() : d(std::make_unique<QKFeedbackPrivate>())
+{
+    QKFeedbackSendFlow *flow = &d->flow;
+    flow->loadSettings();
+    connect(flow, &QKFeedbackSendFlow::nameNeeded, this, [this] {
+        auto *name = new QKFeedbackSettingsViewController;
+        name->setDelegate(this);
+        name->setExitOnBackTouched(false);
+        // After the name screen there is no sender: nothing more is pushed.
+        if (QKNavigationController *navigation = d->sender ? d->sender->navigationController() : nullptr)
+            navigation->pushViewController(name, true);
+        else
+            delete name;
+    });
+    connect(flow, &QKFeedbackSendFlow::busyChanged, this, [this](bool busy) {
+        if (!busy) {
+            if (QKActivityIndicatorView *spinner = d->spinner) {
+                spinner->stopAnimating();
+                spinner->removeFromSuperview();
+                spinner->deleteLater();
+            }
+            if (QKViewController *top = d->sendingTop) {
+                if (QKNavigationController *navigation = top->navigationController())
+                    navigation->navigationBar()->setUserInteractionEnabled(true);
+                top->view()->setUserInteractionEnabled(true);
+            }
+            return;
+        }
+        QKViewController *top = topMostController();
+        d->sendingTop = top;
+        if (!top)
+            return;
+        // In this flow `top` is the navigation controller itself, which has no navigation
+        // controller of its own; both switches are kept.
+        if (QKNavigationController *navigation = top->navigationController())
+            navigation->navigationBar()->setUserInteractionEnabled(false);
+        top->view()->setUserInteractionEnabled(false);
+        auto *indicator = new QKActivityIndicatorView(QKActivityIndicatorView::Gray);
+        const QRectF bounds = top->view()->bounds();
+        const QSizeF size = indicator->frame().size();
+        indicator->setFrame(QRectF(bounds.width() / 2 - size.width() / 2, bounds.height() / 2 - size.height() / 2,
+                                   size.width(), size.height()));
+        top->view()->addSubview(indicator);
+        indicator->startAnimating();
+        d->spinner = indicator;
+    });
+    connect(flow, &QKFeedbackSendFlow::alertRequested, this, [](const QString &title, const QString &message) {
+        (new QKAlertView(title, message, QKLocalizedString("OK")))->show();
+    });
+    connect(flow, &QKFeedbackSendFlow::sendFailed, this, [this] {
+        // Back on the send screen, its markers intact.
+        QKViewController *top = d->sendingTop;
+        if (!top)
+            return;
+        const auto children = top->childViewControllers();
+        if (!children.isEmpty() && qobject_cast<QKFeedbackSettingsViewController *>(children.last()))
+            if (auto *navigation = qobject_cast<QKNavigationController *>(top))
+                navigation->popViewControllerAnimated(true);
+    });
+    connect(flow, &QKFeedbackSendFlow::sent, this, [this] {
+        if (QKViewController *top = d->sendingTop)
+            top->dismissViewControllerAnimated(true, [] { sharedInstance()->d->feedbackIsShown = false; });
+    });
 }
+
+QKFeedback::~QKFeedback() = default;
 
 QKFeedback *QKFeedback::sharedInstance()
 {
@@ -51,30 +132,27 @@ QKFeedback *QKFeedback::sharedInstance()
 
 void QKFeedback::showFeedback()
 {
-    sharedInstance()->showFeedback(0);
+    sharedInstance()->showFeedback(CoverVertical);
 }
 
 void QKFeedback::setDataSource(const QKFeedbackDataSourcePtr &source)
 {
-    QKFeedback *shared = sharedInstance();
-    if (source)
-        source->setUserName(shared->m_settings.value(NameKey).toString());
-    shared->m_dataSource = source;
+    sharedInstance()->d->flow.setDataSource(source);
 }
 
 QKFeedbackDataSourcePtr QKFeedback::dataSource()
 {
-    return sharedInstance()->m_dataSource;
+    return sharedInstance()->d->flow.dataSource();
 }
 
 bool QKFeedback::feedbackIsShown()
 {
-    return sharedInstance()->m_feedbackIsShown;
+    return sharedInstance()->d->feedbackIsShown;
 }
 
 QKFeedbackSettings *QKFeedback::feedbackSettings()
 {
-    return &sharedInstance()->m_feedbackSettings;
+    return sharedInstance()->d->flow.feedbackSettings();
 }
 
 QKViewController *QKFeedback::topMostController()
@@ -93,43 +171,94 @@ QImage QKFeedback::takeScreenshot()
 
 QString QKFeedback::settingsPath()
 {
-    return QKDocumentsDirectory() + QStringLiteral("/qkfeedback.settings.plist");
+    return QKFeedbackSendFlow::settingsPath();
 }
 
 void QKFeedback::loadSettings()
 {
-    QVariant loaded;
-    try {
-        loaded = QKKeyedUnarchiver::unarchiveObjectWithFile(settingsPath());
-    } catch (const QKArchiveException &) {
-        // An unreadable file counts as none: the defaults apply.
-    }
-    if (loaded.metaType().id() == QMetaType::QVariantMap)
-        m_settings = loaded.toMap();
-    else
-        m_settings = QVariantMap{{NameKey, QStringLiteral("")}};
+    d->flow.loadSettings();
 }
 
 bool QKFeedback::saveSettings()
 {
-    return QKKeyedArchiver::archiveRootObject(m_settings, settingsPath());
+    return d->flow.saveSettings();
+}
+
+QKFeedbackSendFlow *QKFeedback::sendFlow() const
+{
+    return &d->flow;
+}
+QImage QKFeedback::screenshot() const
+{
+    return d->screenshot;
+}
+void QKFeedback::setScreenshot(const QImage &screenshot)
+{
+    d->screenshot = screenshot;
+}
+qint64 QKFeedback::transitionStyle() const
+{
+    return d->transitionStyle;
+}
+void QKFeedback::setTransitionStyle(TransitionStyle style)
+{
+    d->transitionStyle = style;
+}
+
+void QKFeedback::setTransitionStyle(qint64 style)
+{
+    setTransitionStyle(styleFrom(style));
+}
+
+QVariantMap &QKFeedback::settings()
+{
+    return d->flow.settings();
+}
+void QKFeedback::setSettings(const QVariantMap &settings)
+{
+    d->flow.setSettings(settings);
+}
+QKFeedbackItemList QKFeedback::feedbackItems() const
+{
+    return d->flow.feedbackItems();
+}
+void QKFeedback::setFeedbackItems(const QKFeedbackItemList &items)
+{
+    d->flow.setFeedbackItems(items);
+}
+bool QKFeedback::isFeedbackShown() const
+{
+    return d->feedbackIsShown;
+}
+void QKFeedback::setFeedbackIsShown(bool shown)
+{
+    d->feedbackIsShown = shown;
+}
+bool QKFeedback::showSettingsButtons() const
+{
+    return d->flow.showsNameButtons();
 }
 
 void QKFeedback::showFeedback(qint64 style)
 {
-    if (m_feedbackIsShown)
+    showFeedback(styleFrom(style));
+}
+
+void QKFeedback::showFeedback(TransitionStyle style)
+{
+    if (d->feedbackIsShown)
         return;
-    m_feedbackIsShown = true;
+    d->feedbackIsShown = true;
     // A stack closed earlier and still waiting for deletion must not clear the flag.
-    m_shownStack = nullptr;
+    d->shownStack = nullptr;
     // The screen must not turn under the menu.
     QKDevice::currentDevice()->endGeneratingDeviceOrientationNotifications();
-    m_screenshot = takeScreenshot();
-    m_transitionStyle = style;
-    auto *sheet =
-        new QKActionSheet(m_feedbackSettings.feedbackTitle, this, QKLocalizedString("Cancel"), QString(),
-                          {m_feedbackSettings.feedbackMenuSendCaption, m_feedbackSettings.feedbackMenuMyFeedbackCaption,
-                           m_feedbackSettings.feedbackMenuSettingsCaption});
+    d->screenshot = takeScreenshot();
+    d->transitionStyle = style;
+    const QKFeedbackSettings *captions = d->flow.feedbackSettings();
+    auto *sheet = new QKActionSheet(captions->feedbackTitle(), this, QKLocalizedString("Cancel"), QString(),
+                                    {captions->feedbackMenuSendCaption(), captions->feedbackMenuMyFeedbackCaption(),
+                                     captions->feedbackMenuSettingsCaption()});
     QKViewController *top = topMostController();
     sheet->showInView(top ? top->view() : nullptr);
 }
@@ -137,7 +266,7 @@ void QKFeedback::showFeedback(qint64 style)
 void QKFeedback::sendFeedback()
 {
     // The platform's façade answers no click message: this entry point raises, on purpose.
-    if (!m_feedbackIsShown)
+    if (!d->feedbackIsShown)
         throw QKUnrecognizedSelectorException(QStringLiteral("QKFeedback"),
                                               QStringLiteral("actionSheet:clickedButtonAtIndex:"), this);
 }
@@ -155,12 +284,13 @@ void QKFeedback::actionSheetDidDismissWithButtonIndex(QKActionSheet *, int butto
     }
     case 1: {
         auto *list = new QKFeedbackYourItemsViewController;
-        list->setDataSource(m_dataSource);
+        list->setDataSource(d->flow.dataSource());
         screen = list;
         break;
     }
     case 2: {
-        m_showSettingsButtons = false;
+        // From the menu the name screen only names: no send buttons.
+        d->flow.setShowsNameButtons(false);
         auto *name = new QKFeedbackSettingsViewController;
         name->setDelegate(this);
         screen = name;
@@ -170,121 +300,56 @@ void QKFeedback::actionSheetDidDismissWithButtonIndex(QKActionSheet *, int butto
         break;
     }
     if (!screen) {
-        m_feedbackIsShown = false;
+        d->feedbackIsShown = false;
         return;
     }
     QKViewController *top = topMostController();
     if (!top) {
         delete screen;
-        m_feedbackIsShown = false;
+        d->feedbackIsShown = false;
         return;
     }
-    QKNavigationController *navigation = navigationFor(screen, m_transitionStyle);
+    QKNavigationController *navigation = navigationFor(screen, d->transitionStyle);
     // A host may delete the stack, or the window under it, instead of closing it: then
     // no dismissal clears the flag, and the menu would never open again.
-    m_shownStack = navigation;
+    d->shownStack = navigation;
     connect(navigation, &QObject::destroyed, this, [this](QObject *gone) {
-        if (gone == m_shownStack) {
-            m_shownStack = nullptr;
-            m_feedbackIsShown = false;
+        if (gone == d->shownStack) {
+            d->shownStack = nullptr;
+            d->feedbackIsShown = false;
         }
     });
-    top->presentViewController(navigation, m_transitionStyle >= 0);
+    top->presentViewController(navigation, d->transitionStyle >= 0);
 }
 
 void QKFeedback::sendViewControllerAction(QKFeedbackSendViewController *sendScreen)
 {
-    m_feedbackItems = sendScreen->feedbackItems();
+    d->flow.setFeedbackItems(sendScreen->feedbackItems());
     send(sendScreen);
 }
 
 void QKFeedback::send(QKViewController *sender)
 {
-    const QString userName = m_dataSource ? m_dataSource->userName() : QString();
-    if (userName.isEmpty()) {
-        m_showSettingsButtons = true;
-        auto *name = new QKFeedbackSettingsViewController;
-        name->setDelegate(this);
-        name->setExitOnBackTouched(false);
-        if (QKNavigationController *navigation = sender ? sender->navigationController() : nullptr)
-            navigation->pushViewController(name, true);
-        else
-            delete name;
+    // With nowhere to show the busy indicator nothing is sent, as it always was.
+    if (!d->flow.needsName() && !topMostController())
         return;
-    }
-
-    QKViewController *top = topMostController();
-    if (!top)
-        return;
-    // In this flow `top` is the navigation controller itself, which has no navigation
-    // controller of its own; both switches are kept.
-    if (QKNavigationController *navigation = top->navigationController())
-        navigation->navigationBar()->setUserInteractionEnabled(false);
-    top->view()->setUserInteractionEnabled(false);
-
-    auto *indicator = new QKActivityIndicatorView(QKActivityIndicatorView::Gray);
-    const QRectF bounds = top->view()->bounds();
-    const QSizeF size = indicator->frame().size();
-    indicator->setFrame(QRectF(bounds.width() / 2 - size.width() / 2, bounds.height() / 2 - size.height() / 2,
-                               size.width(), size.height()));
-    top->view()->addSubview(indicator);
-    indicator->startAnimating();
-
-    QPointer<QKActivityIndicatorView> spinner(indicator);
-    QPointer<QKViewController> shown(top);
-    m_dataSource->addFeedbackItems(m_feedbackItems, [this, spinner, shown](std::optional<QKError> error) {
-        QKDispatch::async(QKDispatch::mainQueue(), [this, spinner, shown, error] {
-            QKAssertMainThread();
-            if (spinner) {
-                spinner->stopAnimating();
-                spinner->removeFromSuperview();
-                spinner->deleteLater();
-            }
-            const QString message = error ? error->message() : m_feedbackSettings.feedbackSentAlertText;
-            auto *alert = new QKAlertView(m_feedbackSettings.feedbackSentAlertTitle, message, QKLocalizedString("OK"));
-            // The switch silences failures as well as successes.
-            if (m_feedbackSettings.showFeedbackSentAlert)
-                alert->show();
-            else
-                alert->deleteLater();
-            if (!shown)
-                return;
-            if (QKNavigationController *navigation = shown->navigationController())
-                navigation->navigationBar()->setUserInteractionEnabled(true);
-            shown->view()->setUserInteractionEnabled(true);
-            if (error) {
-                const auto children = shown->childViewControllers();
-                if (!children.isEmpty() && qobject_cast<QKFeedbackSettingsViewController *>(children.last()))
-                    if (auto *navigation = qobject_cast<QKNavigationController *>(shown.data()))
-                        navigation->popViewControllerAnimated(true);
-                return;
-            }
-            shown->dismissViewControllerAnimated(true, [] { sharedInstance()->m_feedbackIsShown = false; });
-        });
-    });
+    d->sender = sender;
+    d->flow.send();
+    d->sender = nullptr;
 }
 
 void QKFeedback::settingsViewControllerInit(QKFeedbackSettingsViewController *screen)
 {
-    screen->nameTextField()->setText(m_settings.value(NameKey).toString());
-    screen->sendAnonymousButton()->setHidden(!m_showSettingsButtons);
-    screen->continueButton()->setHidden(!m_showSettingsButtons);
+    screen->nameTextField()->setText(d->flow.savedName());
+    screen->sendAnonymousButton()->setHidden(!d->flow.showsNameButtons());
+    screen->continueButton()->setHidden(!d->flow.showsNameButtons());
 }
 
-void QKFeedback::settingsViewController(QKFeedbackSettingsViewController *screen, const QString &action)
+void QKFeedback::settingsViewController(QKFeedbackSettingsViewController *screen, QKFeedbackSendFlow::NameAction action)
 {
     screen->view()->endEditing(true);
-    if (m_dataSource) {
-        if (action == QLatin1String("SendAnonymous")) {
-            m_dataSource->setUserName(QKLocalizedString("Anonymous"));
-            screen->nameTextField()->setText(m_dataSource->userName());
-        } else {
-            m_dataSource->setUserName(QKTrimmedWhitespace(screen->nameTextField()->text()));
-        }
-        if (!m_dataSource->userName().isNull())
-            m_settings.insert(NameKey, m_dataSource->userName());
-    }
-    saveSettings();
-    if (!action.isEmpty())
-        send(nullptr);
+    // A resend has no sender: a name still missing pushes nothing.
+    const QString name = d->flow.chooseName(action, screen->nameTextField()->text());
+    if (action == QKFeedbackSendFlow::SendAnonymous && d->flow.dataSource())
+        screen->nameTextField()->setText(name);
 }

@@ -3,31 +3,69 @@
 #include "QKFeedback.h"
 #include "QKShakeDetector.h"
 
+#include <QPointer>
 #include <QShortcut>
 
-QKFeedbackController::QKFeedbackController(QKViewController *contentController, QObject *parent)
-    : QKViewController(parent), m_contentController(contentController), m_shakeDetector(new QKShakeDetector(this))
+class QKFeedbackControllerPrivate
 {
+public:
+    bool showOnShake = true;
+    QPointer<QKViewController> contentController;
+    QKShakeDetector *shakeDetector = nullptr;
+    QKeySequence shortcut;
+    QPointer<QShortcut> shortcutObject;
+};
+
+QKFeedbackController::QKFeedbackController(QKViewController *contentController, QObject *parent)
+    : QKViewController(parent), d(std::make_unique<QKFeedbackControllerPrivate>())
+{
+    d->contentController = contentController;
+    d->shakeDetector = new QKShakeDetector(this);
     // Stored only, not attached; owned here so that it goes with this controller.
     if (contentController && !contentController->parentViewController())
         contentController->setParent(this);
-    connect(m_shakeDetector, &QKShakeDetector::shaken, this, [this] { motionEnded(MotionShake); });
+    connect(d->shakeDetector, &QKShakeDetector::shaken, this, [this] { motionEnded(MotionShake); });
 }
 
 QKFeedbackController::~QKFeedbackController() = default;
+
+bool QKFeedbackController::showOnShake() const
+{
+    return d->showOnShake;
+}
+void QKFeedbackController::setShowOnShake(bool showOnShake)
+{
+    d->showOnShake = showOnShake;
+}
+QKViewController *QKFeedbackController::contentController() const
+{
+    return d->contentController;
+}
+bool QKFeedbackController::becomeFirstResponder()
+{
+    return true;
+}
+QKeySequence QKFeedbackController::shortcut() const
+{
+    return d->shortcut;
+}
+QKShakeDetector *QKFeedbackController::shakeDetector() const
+{
+    return d->shakeDetector;
+}
 
 void QKFeedbackController::setContentController(QKViewController *controller)
 {
     if (controller == this)
         return;
-    if (QKViewController *old = m_contentController) {
+    if (QKViewController *old = d->contentController) {
         if (old->isViewLoaded())
             old->view()->removeFromSuperview();
         old->removeFromParentViewController();
         if (old->parent() == this)
             old->setParent(nullptr);
     }
-    m_contentController = controller;
+    d->contentController = controller;
     if (!controller)
         return;
     addChildViewController(controller);
@@ -51,7 +89,7 @@ void QKFeedbackController::setDataSource(const QKFeedbackDataSourcePtr &source)
 
 void QKFeedbackController::motionEnded(int subtype)
 {
-    if (subtype == MotionShake && m_showOnShake)
+    if (subtype == MotionShake && d->showOnShake)
         QKFeedback::showFeedback();
 }
 
@@ -67,7 +105,7 @@ void QKFeedbackController::sendFeedback()
 
 void QKFeedbackController::setShortcut(const QKeySequence &shortcut)
 {
-    m_shortcut = shortcut;
+    d->shortcut = shortcut;
     if (isViewLoaded())
         installShortcut();
 }
@@ -76,14 +114,14 @@ void QKFeedbackController::viewDidLoad()
 {
     QKViewController::viewDidLoad();
     installShortcut();
-    m_shakeDetector->start();
+    d->shakeDetector->start();
 }
 
 void QKFeedbackController::installShortcut()
 {
-    delete m_shortcutObject.data();
-    if (m_shortcut.isEmpty())
+    delete d->shortcutObject.data();
+    if (d->shortcut.isEmpty())
         return;
-    m_shortcutObject = new QShortcut(
-        m_shortcut, view(), [] { QKFeedback::showFeedback(); }, Qt::WindowShortcut);
+    d->shortcutObject = new QShortcut(
+        d->shortcut, view(), [] { QKFeedback::showFeedback(); }, Qt::WindowShortcut);
 }

@@ -13,6 +13,51 @@ const bool registered = [] {
 }();
 } // namespace
 
+class QKFeedbackCommentPrivate
+{
+public:
+    QString key;
+    QDateTime createdAt;
+    QString text;
+};
+
+QKFeedbackComment::QKFeedbackComment() : d(std::make_unique<QKFeedbackCommentPrivate>())
+{}
+QKFeedbackComment::QKFeedbackComment(const QKFeedbackComment &other)
+    : QKCoding(other), d(std::make_unique<QKFeedbackCommentPrivate>(*other.d))
+{}
+QKFeedbackComment &QKFeedbackComment::operator=(const QKFeedbackComment &other)
+{
+    *d = *other.d;
+    return *this;
+}
+QKFeedbackComment::~QKFeedbackComment() = default;
+
+QString QKFeedbackComment::key() const
+{
+    return d->key;
+}
+void QKFeedbackComment::setKey(const QString &key)
+{
+    d->key = key;
+}
+QDateTime QKFeedbackComment::createdAt() const
+{
+    return d->createdAt;
+}
+void QKFeedbackComment::setCreatedAt(const QDateTime &date)
+{
+    d->createdAt = date;
+}
+QString QKFeedbackComment::text() const
+{
+    return d->text;
+}
+void QKFeedbackComment::setText(const QString &text)
+{
+    d->text = text;
+}
+
 QStringList QKFeedbackComment::archiveClassChain() const
 {
     Q_UNUSED(registered);
@@ -21,16 +66,16 @@ QStringList QKFeedbackComment::archiveClassChain() const
 
 void QKFeedbackComment::encodeWithCoder(QKKeyedArchiver &coder) const
 {
-    coder.encodeObject(m_key, QStringLiteral("key"));
-    coder.encodeObject(m_createdAt, QStringLiteral("createdAt"));
-    coder.encodeObject(m_text, QStringLiteral("text"));
+    coder.encodeObject(d->key, QStringLiteral("key"));
+    coder.encodeObject(d->createdAt, QStringLiteral("createdAt"));
+    coder.encodeObject(d->text, QStringLiteral("text"));
 }
 
 QKFeedbackCommentPtr QKFeedbackComment::initWithCoder(QKKeyedUnarchiver &coder)
 {
     auto comment = QKFeedbackCommentPtr::create();
-    comment->m_key = coder.decodeString(QStringLiteral("key"));
-    comment->m_createdAt = coder.decodeDate(QStringLiteral("createdAt"));
-    comment->m_text = coder.decodeString(QStringLiteral("text"));
+    comment->d->key = coder.decodeString(QStringLiteral("key"));
+    comment->d->createdAt = coder.decodeDate(QStringLiteral("createdAt"));
+    comment->d->text = coder.decodeString(QStringLiteral("text"));
     return comment;
 }

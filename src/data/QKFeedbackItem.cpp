@@ -20,9 +20,103 @@ const bool registered = [] {
 }();
 } // namespace
 
-QKFeedbackItem::QKFeedbackItem() : m_subItems(QKFeedbackItemList())
+struct QKFeedbackItemPicture;
+
+class QKFeedbackItemPrivate
 {
-    m_subItems->reserve(4);
+public:
+    std::optional<QKFeedbackItemList> subItems;
+    QString key;
+    QDateTime createdAt;
+    QDateTime modifiedAt;
+    QString text;
+    QString author;
+    std::shared_ptr<QKFeedbackItemPicture> picture;
+    QString state;
+    QVariantMap params;
+};
+
+QKFeedbackItem::QKFeedbackItem() : d(std::make_unique<QKFeedbackItemPrivate>())
+{
+    d->subItems.emplace();
+    d->subItems->reserve(4);
+}
+
+QKFeedbackItem::QKFeedbackItem(const QKFeedbackItem &other)
+    : QKCoding(other), d(std::make_unique<QKFeedbackItemPrivate>(*other.d))
+{}
+
+QKFeedbackItem &QKFeedbackItem::operator=(const QKFeedbackItem &other)
+{
+    *d = *other.d;
+    return *this;
+}
+
+QKFeedbackItem::~QKFeedbackItem() = default;
+
+const std::optional<QKFeedbackItemList> &QKFeedbackItem::subItems() const
+{
+    return d->subItems;
+}
+std::optional<QKFeedbackItemList> &QKFeedbackItem::subItems()
+{
+    return d->subItems;
+}
+QString QKFeedbackItem::key() const
+{
+    return d->key;
+}
+void QKFeedbackItem::setKey(const QString &value)
+{
+    d->key = value;
+}
+QDateTime QKFeedbackItem::createdAt() const
+{
+    return d->createdAt;
+}
+void QKFeedbackItem::setCreatedAt(const QDateTime &value)
+{
+    d->createdAt = value;
+}
+QDateTime QKFeedbackItem::modifiedAt() const
+{
+    return d->modifiedAt;
+}
+void QKFeedbackItem::setModifiedAt(const QDateTime &value)
+{
+    d->modifiedAt = value;
+}
+QString QKFeedbackItem::text() const
+{
+    return d->text;
+}
+void QKFeedbackItem::setText(const QString &value)
+{
+    d->text = value;
+}
+QString QKFeedbackItem::author() const
+{
+    return d->author;
+}
+void QKFeedbackItem::setAuthor(const QString &value)
+{
+    d->author = value;
+}
+QString QKFeedbackItem::state() const
+{
+    return d->state;
+}
+void QKFeedbackItem::setState(const QString &value)
+{
+    d->state = value;
+}
+QVariantMap QKFeedbackItem::params() const
+{
+    return d->params;
+}
+void QKFeedbackItem::setParams(const QVariantMap &value)
+{
+    d->params = value;
 }
 
 QKFeedbackItemPtr QKFeedbackItem::create()
@@ -32,23 +126,23 @@ QKFeedbackItemPtr QKFeedbackItem::create()
 
 void QKFeedbackItem::addSubItem(const QKFeedbackItemPtr &item)
 {
-    if (m_subItems)
-        m_subItems->append(item);
+    if (d->subItems)
+        d->subItems->append(item);
 }
 
 void QKFeedbackItem::insertSubItem(const QKFeedbackItemPtr &item, qsizetype index)
 {
-    if (!m_subItems)
+    if (!d->subItems)
         return;
-    if (index < 0 || index > m_subItems->size())
+    if (index < 0 || index > d->subItems->size())
         throw std::out_of_range("QKFeedbackItem::insertSubItem: index " + std::to_string(index) +
-                                " beyond bounds [0 .. " + std::to_string(m_subItems->size()) + "]");
-    m_subItems->insert(index, item);
+                                " beyond bounds [0 .. " + std::to_string(d->subItems->size()) + "]");
+    d->subItems->insert(index, item);
 }
 
 // What an item's picture is made from, and what has been made of it so far. Every
 // form is kept once made; the lock lets any thread ask for any of them.
-struct QKFeedbackItem::Picture
+struct QKFeedbackItemPicture
 {
     std::mutex mutex;
     bool haveImage = false;
@@ -108,10 +202,10 @@ struct QKFeedbackItem::Picture
 
 QImage QKFeedbackItem::image() const
 {
-    if (!m_picture)
+    if (!d->picture)
         return QImage();
-    std::lock_guard lock(m_picture->mutex);
-    Picture &p = *m_picture;
+    std::lock_guard lock(d->picture->mutex);
+    QKFeedbackItemPicture &p = *d->picture;
     if (!p.haveImage) {
         p.image = p.bands ? p.bands->imageWithPatch(p.patch, p.at) : QKPNGCodec::decode(p.pngLocked());
         p.haveImage = true;
@@ -121,36 +215,36 @@ QImage QKFeedbackItem::image() const
 
 void QKFeedbackItem::setImage(const QImage &image)
 {
-    m_picture.reset();
+    d->picture.reset();
     if (image.isNull())
         return;
-    m_picture = std::make_shared<Picture>();
-    m_picture->image = image;
-    m_picture->haveImage = true;
+    d->picture = std::make_shared<QKFeedbackItemPicture>();
+    d->picture->image = image;
+    d->picture->haveImage = true;
 }
 
 void QKFeedbackItem::setImage(const QKPNGBands &base, const QImage &patch, const QPoint &at)
 {
-    m_picture = std::make_shared<Picture>();
-    m_picture->bands = base;
-    m_picture->patch = patch;
-    m_picture->at = at;
+    d->picture = std::make_shared<QKFeedbackItemPicture>();
+    d->picture->bands = base;
+    d->picture->patch = patch;
+    d->picture->at = at;
 }
 
 QByteArray QKFeedbackItem::imagePNG() const
 {
-    if (!m_picture)
+    if (!d->picture)
         return QByteArray();
-    std::lock_guard lock(m_picture->mutex);
-    return m_picture->pngLocked();
+    std::lock_guard lock(d->picture->mutex);
+    return d->picture->pngLocked();
 }
 
 QByteArray QKFeedbackItem::imageBase64() const
 {
-    if (!m_picture)
+    if (!d->picture)
         return QByteArray();
-    std::lock_guard lock(m_picture->mutex);
-    return m_picture->base64Locked();
+    std::lock_guard lock(d->picture->mutex);
+    return d->picture->base64Locked();
 }
 
 QString QKFeedbackItem::encodeToBase64String(const QImage &image)
@@ -173,34 +267,34 @@ QStringList QKFeedbackItem::archiveClassChain() const
 
 void QKFeedbackItem::encodeWithCoder(QKKeyedArchiver &coder) const
 {
-    coder.encodeObject(m_key, QStringLiteral("key"));
-    coder.encodeObject(m_createdAt, QStringLiteral("createdAt"));
-    coder.encodeObject(m_modifiedAt, QStringLiteral("modifiedAt"));
-    coder.encodeObject(m_text, QStringLiteral("text"));
-    coder.encodeObject(m_author, QStringLiteral("author"));
-    coder.encodeObject(m_state, QStringLiteral("state"));
+    coder.encodeObject(d->key, QStringLiteral("key"));
+    coder.encodeObject(d->createdAt, QStringLiteral("createdAt"));
+    coder.encodeObject(d->modifiedAt, QStringLiteral("modifiedAt"));
+    coder.encodeObject(d->text, QStringLiteral("text"));
+    coder.encodeObject(d->author, QStringLiteral("author"));
+    coder.encodeObject(d->state, QStringLiteral("state"));
     QKArchiveSlice archived;
     QByteArray base64;
-    if (m_picture) {
-        std::lock_guard lock(m_picture->mutex);
-        m_picture->checkArchivedLocked();
+    if (d->picture) {
+        std::lock_guard lock(d->picture->mutex);
+        d->picture->checkArchivedLocked();
         // Text still in the archive it was read from is written from there.
-        archived = m_picture->archived;
+        archived = d->picture->archived;
         if (!archived.bytes)
-            base64 = m_picture->base64Locked();
+            base64 = d->picture->base64Locked();
     }
     if (archived.bytes)
         QKKeyedArchiveAccess::encodeText(coder, archived, QStringLiteral("image"));
     else
         coder.encodeASCIIString(base64, QStringLiteral("image"));
     QVariant subItems;
-    if (m_subItems) {
+    if (d->subItems) {
         QVariantList list;
-        list.reserve(m_subItems->size());
-        for (const QKFeedbackItemPtr &item : *m_subItems) {
+        list.reserve(d->subItems->size());
+        for (const QKFeedbackItemPtr &item : *d->subItems) {
             // The reader refuses a nil sub-item; so does the writer, before the file is touched.
             if (!item)
-                throw QKArchiveException(QStringLiteral("cannot archive a nil sub-item of item %1").arg(m_key));
+                throw QKArchiveException(QStringLiteral("cannot archive a nil sub-item of item %1").arg(d->key));
             list.append(QVariant::fromValue(item.staticCast<QKCoding>()));
         }
         subItems = list;
@@ -211,19 +305,19 @@ void QKFeedbackItem::encodeWithCoder(QKKeyedArchiver &coder) const
 QKFeedbackItemPtr QKFeedbackItem::initWithCoder(QKKeyedUnarchiver &coder)
 {
     auto item = create();
-    item->m_key = coder.decodeString(QStringLiteral("key"));
-    item->m_createdAt = coder.decodeDate(QStringLiteral("createdAt"));
-    item->m_modifiedAt = coder.decodeDate(QStringLiteral("modifiedAt"));
-    item->m_text = coder.decodeString(QStringLiteral("text"));
-    item->m_author = coder.decodeString(QStringLiteral("author"));
-    item->m_state = coder.decodeString(QStringLiteral("state"));
+    item->d->key = coder.decodeString(QStringLiteral("key"));
+    item->d->createdAt = coder.decodeDate(QStringLiteral("createdAt"));
+    item->d->modifiedAt = coder.decodeDate(QStringLiteral("modifiedAt"));
+    item->d->text = coder.decodeString(QStringLiteral("text"));
+    item->d->author = coder.decodeString(QStringLiteral("author"));
+    item->d->state = coder.decodeString(QStringLiteral("state"));
     // Left where it lies in the archive and decoded when first asked for: opening an
     // archive of many screenshots costs per item, not per byte.
     QKArchiveSlice image = QKKeyedArchiveAccess::decodeText(coder, QStringLiteral("image"));
     if (!image.text.isEmpty()) {
-        item->m_picture = std::make_shared<Picture>();
-        item->m_picture->archived = std::move(image);
+        item->d->picture = std::make_shared<QKFeedbackItemPicture>();
+        item->d->picture->archived = std::move(image);
     }
-    item->m_subItems = coder.decodeArrayOfObjectsOfClass<QKFeedbackItem>(QStringLiteral("subItems"));
+    item->d->subItems = coder.decodeArrayOfObjectsOfClass<QKFeedbackItem>(QStringLiteral("subItems"));
     return item;
 }

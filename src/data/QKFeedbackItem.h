@@ -15,6 +15,7 @@
 
 class QKKeyedUnarchiver;
 class QKFeedbackItem;
+class QKFeedbackItemPrivate;
 
 using QKFeedbackItemPtr = QSharedPointer<QKFeedbackItem>;
 using QKFeedbackItemList = QList<QKFeedbackItemPtr>;
@@ -31,13 +32,21 @@ class MURMORA_DATA_EXPORT QKFeedbackItem : public QKCoding
 public:
     /// An item with every field nil and an empty sub-item list.
     QKFeedbackItem();
+    /// A copy of every field; the sub-items are the same shared items, and the
+    /// picture is shared until either item's image is set again.
+    QKFeedbackItem(const QKFeedbackItem &other);
+    /// Takes every field of `other`, as the copy constructor does.
+    QKFeedbackItem &operator=(const QKFeedbackItem &other);
+    ~QKFeedbackItem() override;
+    /// A new empty item, shared.
     static QKFeedbackItemPtr create();
 
     /// The comments, in the order the data source gave them. std::nullopt (nil) only
     /// for an item read from an archive that had no "subItems"; then addSubItem does
     /// nothing. The non-const overload hands out the list itself, for changing in place.
-    const std::optional<QKFeedbackItemList> &subItems() const { return m_subItems; }
-    std::optional<QKFeedbackItemList> &subItems() { return m_subItems; }
+    const std::optional<QKFeedbackItemList> &subItems() const;
+    /// The sub-items themselves, for changing in place.
+    std::optional<QKFeedbackItemList> &subItems();
 
     /// Appends `item`; does nothing while the sub-items are nil.
     void addSubItem(const QKFeedbackItemPtr &item);
@@ -45,24 +54,39 @@ public:
     /// throws std::out_of_range. Does nothing while the sub-items are nil.
     void insertSubItem(const QKFeedbackItemPtr &item, qsizetype index);
 
-    QString key() const { return m_key; }
-    void setKey(const QString &key) { m_key = key; }
-    QDateTime createdAt() const { return m_createdAt; }
-    void setCreatedAt(const QDateTime &date) { m_createdAt = date; }
-    QDateTime modifiedAt() const { return m_modifiedAt; }
-    void setModifiedAt(const QDateTime &date) { m_modifiedAt = date; }
-    QString text() const { return m_text; }
-    void setText(const QString &text) { m_text = text; }
-    QString author() const { return m_author; }
-    void setAuthor(const QString &author) { m_author = author; }
-    QString state() const { return m_state; }
-    void setState(const QString &state) { m_state = state; }
-    QVariantMap params() const { return m_params; }
-    void setParams(const QVariantMap &params) { m_params = params; }
+    /// The item's key: the service's id, or a local one; null until stored.
+    QString key() const;
+    /// Sets key.
+    void setKey(const QString &key);
+    /// When the item was made, in UTC; invalid when unknown.
+    QDateTime createdAt() const;
+    /// Sets createdAt.
+    void setCreatedAt(const QDateTime &date);
+    /// When the item last changed, in UTC; invalid when unknown.
+    QDateTime modifiedAt() const;
+    /// Sets modifiedAt.
+    void setModifiedAt(const QDateTime &date);
+    /// The user's comment; null when there is none.
+    QString text() const;
+    /// Sets text.
+    void setText(const QString &text);
+    /// The name the item went out under; null when anonymous.
+    QString author() const;
+    /// Sets author.
+    void setAuthor(const QString &author);
+    /// "Open" or "Resolved" (localised); null for a comment.
+    QString state() const;
+    /// Sets state.
+    void setState(const QString &state);
+    /// The host's parameters sent with the item; never archived.
+    QVariantMap params() const;
+    /// Sets params.
+    void setParams(const QVariantMap &params);
 
     /// The screenshot; a null image when there is none. An image read from an archive,
     /// or laid over a shared picture, is made on first use, once, on any thread.
     QImage image() const;
+    /// Sets the screenshot; a null image removes it. Its PNG is made when first asked for.
     void setImage(const QImage &image);
     /// The image as `base` with `patch` laid over it at `at` (in pixels): a send's
     /// items share one screenshot, and their PNGs share its compressed bands.
@@ -88,16 +112,7 @@ public:
     static QKFeedbackItemPtr initWithCoder(QKKeyedUnarchiver &coder);
 
 private:
-    std::optional<QKFeedbackItemList> m_subItems;
-    QString m_key;
-    QDateTime m_createdAt;
-    QDateTime m_modifiedAt;
-    QString m_text;
-    QString m_author;
-    struct Picture;
-    std::shared_ptr<Picture> m_picture;
-    QString m_state;
-    QVariantMap m_params;
+    std::unique_ptr<QKFeedbackItemPrivate> d;
 };
 
 Q_DECLARE_METATYPE(QKFeedbackItemPtr)

@@ -16,7 +16,16 @@ namespace {
 Q_LOGGING_CATEGORY(lcArchive, "murmora.archive")
 }
 
-QKLocalFeedbackSource::QKLocalFeedbackSource(QObject *parent) : QKFeedbackDataSource(parent)
+class QKLocalFeedbackSourcePrivate
+{
+public:
+    QKFeedbackItemList items;
+    QString userName;
+    std::optional<QKLocalFeedbackSource::DamagedArchive> damaged;
+};
+
+QKLocalFeedbackSource::QKLocalFeedbackSource(QObject *parent)
+    : QKFeedbackDataSource(parent), d(std::make_unique<QKLocalFeedbackSourcePrivate>())
 {
     loadData();
 }
@@ -24,6 +33,23 @@ QKLocalFeedbackSource::QKLocalFeedbackSource(QObject *parent) : QKFeedbackDataSo
 QKLocalFeedbackSource::~QKLocalFeedbackSource()
 {
     save();
+}
+
+QString QKLocalFeedbackSource::userName() const
+{
+    return d->userName;
+}
+void QKLocalFeedbackSource::setUserName(const QString &userName)
+{
+    d->userName = userName;
+}
+std::optional<QKLocalFeedbackSource::DamagedArchive> QKLocalFeedbackSource::damagedArchive() const
+{
+    return d->damaged;
+}
+QKFeedbackItemList QKLocalFeedbackSource::items() const
+{
+    return d->items;
 }
 
 QSharedPointer<QKLocalFeedbackSource> QKLocalFeedbackSource::sharedItems()
@@ -45,7 +71,7 @@ QString QKLocalFeedbackSource::archivePath()
 
 QKError QKLocalFeedbackSource::notFoundError()
 {
-    return QKError{QKLocalizedString("Not Found FeedbackItem"), 1, {}};
+    return QKError(QKLocalizedString("Not Found FeedbackItem"), 1);
 }
 
 void QKLocalFeedbackSource::loadData()
@@ -65,7 +91,7 @@ void QKLocalFeedbackSource::loadData()
                         QStringLiteral("%1 holds an entry that is not a QKFeedbackItem").arg(archivePath()));
                 loaded.append(item);
             }
-            m_damaged.reset(); // only a file read clears it: sharedItems() loads twice
+            d->damaged.reset(); // only a file read clears it: sharedItems() loads twice
         }
     } catch (const QKArchiveException &e) {
         setAside(e.reason());
@@ -80,7 +106,7 @@ void QKLocalFeedbackSource::loadData()
     });
     if (loaded.isEmpty())
         loaded.reserve(4);
-    m_items = loaded;
+    d->items = loaded;
 }
 
 // Keeps the user's file for a person to look at, out of the way of the next save.
@@ -96,7 +122,7 @@ void QKLocalFeedbackSource::setAside(const QString &reason)
         if (!QFileInfo::exists(candidate) && QFile::rename(path, candidate))
             movedTo = candidate;
     }
-    m_damaged = DamagedArchive{reason, movedTo};
+    d->damaged = DamagedArchive{reason, movedTo};
     if (movedTo.isEmpty())
         qCWarning(lcArchive,
                   "the feedback archive %s is damaged (%s) and could not be moved aside; it is left "
@@ -110,13 +136,13 @@ void QKLocalFeedbackSource::setAside(const QString &reason)
 bool QKLocalFeedbackSource::save()
 {
     // A damaged file that could not be moved is the user's only copy: never written over.
-    if (m_damaged && m_damaged->movedTo.isEmpty() && QFileInfo::exists(archivePath())) {
+    if (d->damaged && d->damaged->movedTo.isEmpty() && QFileInfo::exists(archivePath())) {
         qCWarning(lcArchive, "not saving the feedback list over the damaged archive %s", qUtf8Printable(archivePath()));
         return false;
     }
     QVariantList values;
-    values.reserve(m_items.size());
-    for (const QKFeedbackItemPtr &item : std::as_const(m_items))
+    values.reserve(d->items.size());
+    for (const QKFeedbackItemPtr &item : std::as_const(d->items))
         values.append(QVariant::fromValue(item.staticCast<QKCoding>()));
     QString error;
     if (QKKeyedArchiver::archiveRootObject(values, archivePath(), &error))
@@ -130,7 +156,7 @@ QKFeedbackItemPtr QKLocalFeedbackSource::itemForKey(const QString &key) const
 {
     if (key.isNull())
         return {};
-    for (const QKFeedbackItemPtr &item : m_items)
+    for (const QKFeedbackItemPtr &item : d->items)
         if (!item->key().isNull() && item->key() == key)
             return item;
     return {};
@@ -150,7 +176,7 @@ bool QKLocalFeedbackSource::implements(Operation operation) const
 
 void QKLocalFeedbackSource::feedbackItems(ItemsCompletion completionHandler)
 {
-    completionHandler(m_items, std::nullopt);
+    completionHandler(d->items, std::nullopt);
 }
 
 void QKLocalFeedbackSource::feedbackItemsByState(const QString &state, ItemsCompletion completionHandler)
@@ -166,7 +192,7 @@ void QKLocalFeedbackSource::feedbackItemsByState(const QString &state, qint64, I
     }
     QKFeedbackItemList matching;
     matching.reserve(4);
-    for (const QKFeedbackItemPtr &item : std::as_const(m_items))
+    for (const QKFeedbackItemPtr &item : std::as_const(d->items))
         if (!item->state().isNull() && item->state() == state)
             matching.append(item);
     completionHandler(matching, std::nullopt);
@@ -176,7 +202,7 @@ void QKLocalFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorComp
 {
     // A null item would be archived as nil, which the next load refuses as damage.
     if (item)
-        m_items.append(item);
+        d->items.append(item);
     save();
     completionHandler(std::nullopt);
 }
@@ -185,7 +211,7 @@ void QKLocalFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, Er
 {
     for (const QKFeedbackItemPtr &item : items)
         if (item)
-            m_items.append(item);
+            d->items.append(item);
     save();
     completionHandler(std::nullopt);
 }

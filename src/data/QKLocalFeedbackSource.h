@@ -2,6 +2,8 @@
 
 #include "QKFeedbackDataSource.h"
 
+class QKLocalFeedbackSourcePrivate;
+
 /// A data source that keeps feedback on the device, in the keyed archive
 /// "qkfeedback.plist" in QKDocumentsDirectory(). Every operation completes before it
 /// returns, on the caller's thread; use it from one thread (the main one).
@@ -41,16 +43,28 @@ public:
     /// The archive's path: QKDocumentsDirectory() + "/qkfeedback.plist".
     static QString archivePath();
 
+    /// \cond
+    // The forms that complete on a context's thread stay visible beside the overrides.
+    using QKFeedbackDataSource::addFeedback;
+    using QKFeedbackDataSource::addFeedbackItems;
+    using QKFeedbackDataSource::deleteWithKey;
+    using QKFeedbackDataSource::editWithKey;
+    using QKFeedbackDataSource::feedbackItems;
+    using QKFeedbackDataSource::feedbackItemsByState;
+    using QKFeedbackDataSource::subItemsForKey;
+    /// \endcond
+
     void feedbackItems(ItemsCompletion completionHandler) override;
     void addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler) override;
     void addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler) override;
     void editWithKey(const QString &key, const QString &state, ErrorCompletion completionHandler) override;
     void deleteWithKey(const QString &key, ErrorCompletion completionHandler) override;
-    QString userName() const override { return m_userName; }
-    void setUserName(const QString &userName) override { m_userName = userName; }
+    /// The name items go out under; null until set (the façade sets the saved one).
+    QString userName() const override;
+    /// Sets the name; not archived by the source itself.
+    void setUserName(const QString &userName) override;
 
     bool implements(Operation operation) const override;
-    using QKFeedbackDataSource::feedbackItemsByState;
     void feedbackItemsByState(const QString &state, ItemsCompletion completionHandler) override;
     void feedbackItemsByState(const QString &state, qint64 skip, ItemsCompletion completionHandler) override;
     void subItemsForKey(const QString &key, ItemsCompletion completionHandler) override;
@@ -71,10 +85,10 @@ public:
         QString movedTo; ///< its path now; empty when it could not be moved (saving is then refused)
     };
     /// Set by a load that found the archive damaged; cleared by a load that reads a file.
-    std::optional<DamagedArchive> damagedArchive() const { return m_damaged; }
+    std::optional<DamagedArchive> damagedArchive() const;
 
     /// The list itself (the same shared items the operations hand out).
-    QKFeedbackItemList items() const { return m_items; }
+    QKFeedbackItemList items() const;
 
     /// The not-found error: domain QKLocalizedString("Not Found FeedbackItem"),
     /// code 1, no userInfo.
@@ -85,7 +99,5 @@ private:
 
     void setAside(const QString &reason);
 
-    QKFeedbackItemList m_items;
-    QString m_userName;
-    std::optional<DamagedArchive> m_damaged;
+    std::unique_ptr<QKLocalFeedbackSourcePrivate> d;
 };

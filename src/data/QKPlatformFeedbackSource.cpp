@@ -40,7 +40,7 @@ QKError serviceError(qint64 code, const QString &message)
 
 QKError transportFailure(const QKError &transport, const char *message)
 {
-    return serviceError(transport.code, QKLocalizedString(message));
+    return serviceError(transport.code(), QKLocalizedString(message));
 }
 
 // The "code" of an error answer as a 32-bit signed integer, whether number or text.
@@ -226,15 +226,84 @@ void fetchThreads(const QSharedPointer<QKURLSession> &session, const QKURLReques
 
 } // namespace
 
+// Everything a request needs, copied by value into work that outlives the call.
+class QKPlatformFeedbackSourcePrivate
+{
+public:
+    QString apiKey;
+    QString uid;
+    QString baseURL;
+    QVariantMap parameters;
+    QString userName;
+    QSharedPointer<QKURLSession> session;
+};
+
+namespace {
+QKURLRequest feedbackRequest(const QKPlatformFeedbackSourcePrivate &p, const QKFeedbackItemPtr &item,
+                             const QJsonObject &info);
+} // namespace
+
 QString QKPlatformFeedbackSource::defaultBaseURL()
 {
     return QStringLiteral("https://platform.wendax.com/feedback/api/v1");
 }
 
-QKPlatformFeedbackSource::QKPlatformFeedbackSource(QObject *parent) : QKFeedbackDataSource(parent)
+QKPlatformFeedbackSource::QKPlatformFeedbackSource(QObject *parent)
+    : QKFeedbackDataSource(parent), d(std::make_unique<QKPlatformFeedbackSourcePrivate>())
 {
-    m_p.baseURL = defaultBaseURL();
-    m_p.session = QKURLSession::sharedSession();
+    d->baseURL = defaultBaseURL();
+    d->session = QKURLSession::sharedSession();
+}
+
+QKPlatformFeedbackSource::~QKPlatformFeedbackSource() = default;
+
+QString QKPlatformFeedbackSource::apiKey() const
+{
+    return d->apiKey;
+}
+void QKPlatformFeedbackSource::setApiKey(const QString &value)
+{
+    d->apiKey = value;
+}
+QString QKPlatformFeedbackSource::UID() const
+{
+    return d->uid;
+}
+void QKPlatformFeedbackSource::setUID(const QString &value)
+{
+    d->uid = value;
+}
+QString QKPlatformFeedbackSource::baseURL() const
+{
+    return d->baseURL;
+}
+void QKPlatformFeedbackSource::setBaseURL(const QString &value)
+{
+    d->baseURL = value;
+}
+QVariantMap QKPlatformFeedbackSource::parameters() const
+{
+    return d->parameters;
+}
+void QKPlatformFeedbackSource::setParameters(const QVariantMap &value)
+{
+    d->parameters = value;
+}
+QString QKPlatformFeedbackSource::userName() const
+{
+    return d->userName;
+}
+void QKPlatformFeedbackSource::setUserName(const QString &value)
+{
+    d->userName = value;
+}
+QSharedPointer<QKURLSession> QKPlatformFeedbackSource::session() const
+{
+    return d->session;
+}
+void QKPlatformFeedbackSource::setSession(const QSharedPointer<QKURLSession> &value)
+{
+    d->session = value;
 }
 
 QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, QObject *parent)
@@ -244,8 +313,8 @@ QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, QObject *
 QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QString &uid, QObject *parent)
     : QKPlatformFeedbackSource(parent)
 {
-    m_p.apiKey = key;
-    m_p.uid = uid;
+    d->apiKey = key;
+    d->uid = uid;
 }
 
 QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QString &uid, const QString &url,
@@ -258,7 +327,7 @@ QKPlatformFeedbackSource::QKPlatformFeedbackSource(const QString &key, const QSt
 
 void QKPlatformFeedbackSource::validateService() const
 {
-    if (m_p.uid.isNull())
+    if (d->uid.isNull())
         throw QKException(
             QStringLiteral("QKPlatformFeedbackSource"),
             QStringLiteral("Please provide the UID property to work properly with Wendax Platform service."));
@@ -273,7 +342,7 @@ QJsonObject QKPlatformFeedbackSource::systemInfo() const
     const QString version = QKDeviceInfo::systemVersion();
     if (!version.isNull())
         info.insert(QStringLiteral("OSVersion"), version);
-    info.insert(QStringLiteral("Uuid"), m_p.uid);
+    info.insert(QStringLiteral("Uuid"), d->uid);
     info.insert(QStringLiteral("AppId"), QKDeviceInfo::applicationIdentifier());
     const QString appVersion = QKDeviceInfo::applicationVersion();
     if (!appVersion.isNull())
@@ -304,28 +373,29 @@ void QKPlatformFeedbackSource::feedbackItemsByState(const QString &state, qint64
                                                     ItemsCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL(m_p);
+    request.url = collectionURL(*d);
     request.setHeader("x-sort-meta", SortNewestFirst);
     validateService();
     // Values go in verbatim, as the service's filters expect.
     const QString filter =
-        state.isNull() ? QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}]}").arg(m_p.uid)
+        state.isNull() ? QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}]}").arg(d->uid)
                        : QStringLiteral("{\"$and\":[{\"RootId\" : null}, {\"Uid\" : \"%1\"}, {\"State\" : \"%2\"}]}")
-                             .arg(m_p.uid, state);
+                             .arg(d->uid, state);
     request.setHeader("x-filter-meta", filter.toUtf8());
     request.setHeader("x-skip-meta", QByteArray::number(skip));
-    fetchThreads(m_p.session, request, "Feedback could not be retrieved", true, std::move(completionHandler));
+    fetchThreads(d->session, request, "Feedback could not be retrieved", true, std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler)
 {
     validateService();
-    send(m_p.session, feedbackRequest(m_p, item, systemInfo()), "Feedback could not be send",
+    send(d->session, feedbackRequest(*d, item, systemInfo()), "Feedback could not be send",
          std::move(completionHandler));
 }
 
-QKURLRequest QKPlatformFeedbackSource::feedbackRequest(const Properties &p, const QKFeedbackItemPtr &item,
-                                                       const QJsonObject &info)
+namespace {
+QKURLRequest feedbackRequest(const QKPlatformFeedbackSourcePrivate &p, const QKFeedbackItemPtr &item,
+                             const QJsonObject &info)
 {
     QKURLRequest request;
     request.url = collectionURL(p);
@@ -350,6 +420,7 @@ QKURLRequest QKPlatformFeedbackSource::feedbackRequest(const Properties &p, cons
     request.body = json(body);
     return request;
 }
+} // namespace
 
 void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items, ErrorCompletion completionHandler)
 {
@@ -361,7 +432,7 @@ void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items,
             missingText();
     // Screen information is read here, on the caller's (GUI) thread.
     const QJsonObject info = items.isEmpty() ? QJsonObject() : systemInfo();
-    QKDispatch::async(QKDispatch::globalQueue(), [p = m_p, items, info, completionHandler] {
+    QKDispatch::async(QKDispatch::globalQueue(), [p = *d, items, info, completionHandler] {
         std::optional<QKError> shared;
         // One after the other, stopping at the first failure; the next request (its
         // picture encoded, its body written) is made while the one before is on its way.
@@ -389,27 +460,27 @@ void QKPlatformFeedbackSource::addFeedbackItems(const QKFeedbackItemList &items,
 void QKPlatformFeedbackSource::editWithKey(const QString &key, const QString &state, ErrorCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL(m_p);
+    request.url = collectionURL(*d);
     request.method = "PUT";
     request.setHeader("Content-Type", "application/json");
     request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
     request.body = json(QJsonObject{{QStringLiteral("State"), state.isNull() ? QJsonValue() : QJsonValue(state)}});
-    send(m_p.session, request, "Feedback could not be edit", std::move(completionHandler));
+    send(d->session, request, "Feedback could not be edit", std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::deleteWithKey(const QString &key, ErrorCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = threadURL(m_p, key);
+    request.url = threadURL(*d, key);
     request.method = "DELETE";
-    send(m_p.session, request, "Feedback could not be deleted", std::move(completionHandler));
+    send(d->session, request, "Feedback could not be deleted", std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::imageForKey(const QString &key, ImageCompletion completionHandler)
 {
     QKURLRequest request;
     request.url = parseURL(key);
-    m_p.session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+    d->session->dataTask(request, [completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
         if (error) {
             completionHandler(QImage(), transportFailure(*error, "Feedback screenshot could not be retrieved"));
             return;
@@ -421,41 +492,41 @@ void QKPlatformFeedbackSource::imageForKey(const QString &key, ImageCompletion c
 void QKPlatformFeedbackSource::subItemsForKey(const QString &key, ItemsCompletion completionHandler)
 {
     QKURLRequest request;
-    request.url = collectionURL(m_p);
+    request.url = collectionURL(*d);
     request.setHeader("x-sort-meta", SortNewestFirst);
     request.setHeader("x-filter-meta", QStringLiteral("{\"RootId\":\"%1\"}").arg(orNull(key)).toUtf8());
-    fetchThreads(m_p.session, request, "Feedback comments could not be retrieved", false, std::move(completionHandler));
+    fetchThreads(d->session, request, "Feedback comments could not be retrieved", false, std::move(completionHandler));
 }
 
 void QKPlatformFeedbackSource::addSubItemForKey(const QString &key, const QKFeedbackItemPtr &subItem,
                                                 ErrorCompletion completionHandler)
 {
-    if (m_p.uid.isNull())
+    if (d->uid.isNull())
         throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A comment needs the UID."));
     if (subItem->text().isNull())
         throw QKException(QStringLiteral("QKPlatformFeedbackSource"), QStringLiteral("A comment needs a text."));
     QKURLRequest request;
-    request.url = threadURL(m_p, key);
+    request.url = threadURL(*d, key);
     request.method = "POST";
     request.setHeader("Content-Type", "application/json");
     request.setHeader("Idempotency-Key", newIdempotencyKey());
     request.body = json(QJsonObject{{QStringLiteral("Text"), subItem->text()},
-                                    {QStringLiteral("Author"), authorValue(m_p.userName)},
-                                    {QStringLiteral("Uid"), m_p.uid},
+                                    {QStringLiteral("Author"), authorValue(d->userName)},
+                                    {QStringLiteral("Uid"), d->uid},
                                     {QStringLiteral("SystemInfo"), systemInfo()}});
-    m_p.session->dataTask(request,
-                          [subItem, completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
-                              if (error) {
-                                  completionHandler(transportFailure(*error, "Feedback comments could not be send"));
-                                  return;
-                              }
-                              const QJsonValue answer = parseJSON(body);
-                              if (auto failure = errorAnswer(answer, "Feedback comments could not be send")) {
-                                  completionHandler(failure);
-                                  return;
-                              }
-                              // Absent fields clear the record's: it takes what the service stored.
-                              readThread(*subItem, answer.toObject());
-                              completionHandler(std::nullopt);
-                          });
+    d->session->dataTask(request,
+                         [subItem, completionHandler](const QByteArray &body, int, std::optional<QKError> error) {
+                             if (error) {
+                                 completionHandler(transportFailure(*error, "Feedback comments could not be send"));
+                                 return;
+                             }
+                             const QJsonValue answer = parseJSON(body);
+                             if (auto failure = errorAnswer(answer, "Feedback comments could not be send")) {
+                                 completionHandler(failure);
+                                 return;
+                             }
+                             // Absent fields clear the record's: it takes what the service stored.
+                             readThread(*subItem, answer.toObject());
+                             completionHandler(std::nullopt);
+                         });
 }

@@ -7,6 +7,10 @@
 #include <QJsonObject>
 #include <QVariantMap>
 
+#include <memory>
+
+class QKPlatformFeedbackSourcePrivate;
+
 /// The data source that keeps feedback on the hosted service ("Wendax Platform"),
 /// JSON over HTTPS. Items and comments are thread objects of the collection
 /// baseURL/apiKey/threads; a device lists only the items that carry its UID.
@@ -27,37 +31,63 @@ public:
     /// The default base URL, path "/feedback/api/v1".
     static QString defaultBaseURL();
 
+    /// A source with the default base URL and the shared session, and no key or UID yet.
     explicit QKPlatformFeedbackSource(QObject *parent = nullptr);
+    ~QKPlatformFeedbackSource() override;
+    /// A source for the application `key`, with no UID yet.
     explicit QKPlatformFeedbackSource(const QString &key, QObject *parent = nullptr);
+    /// A source for the application `key` on the device `uid`.
     QKPlatformFeedbackSource(const QString &key, const QString &uid, QObject *parent = nullptr);
     /// A null `url` leaves the source with no base URL (no fall-back to the default):
     /// every request then fails as a transport failure.
     QKPlatformFeedbackSource(const QString &key, const QString &uid, const QString &url, const QVariantMap &params,
                              QObject *parent = nullptr);
 
-    QString apiKey() const { return m_p.apiKey; }
-    void setApiKey(const QString &apiKey) { m_p.apiKey = apiKey; }
-    QString UID() const { return m_p.uid; }
-    void setUID(const QString &uid) { m_p.uid = uid; }
-    QString baseURL() const { return m_p.baseURL; }
-    void setBaseURL(const QString &baseURL) { m_p.baseURL = baseURL; }
+    /// The application's key; it ships inside the app, so it is no secret.
+    QString apiKey() const;
+    /// Sets apiKey; before the first request.
+    void setApiKey(const QString &apiKey);
+    /// This device's id: items are listed by it. Null makes every operation throw.
+    QString UID() const;
+    /// Sets UID; before the first request.
+    void setUID(const QString &uid);
+    /// The service's address up to the collection, e.g. defaultBaseURL().
+    QString baseURL() const;
+    /// Sets baseURL; before the first request.
+    void setBaseURL(const QString &baseURL);
     /// Extra fields for the body of every new item; they never replace a standard field.
-    QVariantMap parameters() const { return m_p.parameters; }
-    void setParameters(const QVariantMap &parameters) { m_p.parameters = parameters; }
-    QString userName() const override { return m_p.userName; }
-    void setUserName(const QString &userName) override { m_p.userName = userName; }
+    QVariantMap parameters() const;
+    /// Sets parameters; before the first request.
+    void setParameters(const QVariantMap &parameters);
+    /// The name items and comments go out under; null sends them anonymously.
+    QString userName() const override;
+    /// Sets userName; before the first request.
+    void setUserName(const QString &userName) override;
 
     /// The session requests go through (by default the shared one).
-    QSharedPointer<QKURLSession> session() const { return m_p.session; }
-    void setSession(const QSharedPointer<QKURLSession> &session) { m_p.session = session; }
+    QSharedPointer<QKURLSession> session() const;
+    /// Sets session; before the first request.
+    void setSession(const QSharedPointer<QKURLSession> &session);
 
     /// Throws QKException named "QKPlatformFeedbackSource" when UID is null.
     void validateService() const;
     /// The system information record sent with items and comments.
     QJsonObject systemInfo() const;
 
-    void feedbackItems(ItemsCompletion completionHandler) override;
+    /// \cond
+    // The forms that complete on a context's thread stay visible beside the overrides.
+    using QKFeedbackDataSource::addFeedback;
+    using QKFeedbackDataSource::addFeedbackItems;
+    using QKFeedbackDataSource::addSubItemForKey;
+    using QKFeedbackDataSource::deleteWithKey;
+    using QKFeedbackDataSource::editWithKey;
+    using QKFeedbackDataSource::feedbackItems;
     using QKFeedbackDataSource::feedbackItemsByState;
+    using QKFeedbackDataSource::imageForKey;
+    using QKFeedbackDataSource::subItemsForKey;
+    /// \endcond
+
+    void feedbackItems(ItemsCompletion completionHandler) override;
     void feedbackItemsByState(const QString &state, ItemsCompletion completionHandler) override;
     void feedbackItemsByState(const QString &state, qint64 skip, ItemsCompletion completionHandler) override;
     void addFeedback(const QKFeedbackItemPtr &item, ErrorCompletion completionHandler) override;
@@ -76,18 +106,5 @@ public:
     bool implements(Operation operation) const override;
 
 private:
-    // Everything a request needs, copied by value into work that outlives the call.
-    struct Properties
-    {
-        QString apiKey;
-        QString uid;
-        QString baseURL;
-        QVariantMap parameters;
-        QString userName;
-        QSharedPointer<QKURLSession> session;
-    };
-    static QKURLRequest feedbackRequest(const Properties &properties, const QKFeedbackItemPtr &item,
-                                        const QJsonObject &systemInfo);
-
-    Properties m_p;
+    std::unique_ptr<QKPlatformFeedbackSourcePrivate> d;
 };

@@ -7,6 +7,7 @@
 #include <QGraphicsOpacityEffect>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QPointer>
 #include <QScreen>
 
 namespace {
@@ -34,14 +35,25 @@ public:
     }
 };
 
-void installInteractionFilter()
+// The filter sits on the application only while some view has its interaction off,
+// which happens only inside Murmora's own screens: a host's windows never pass through
+// it otherwise. Main thread only, as views are.
+int blockedViews = 0;
+QPointer<InteractionFilter> interactionFilter;
+
+void viewBlocked()
 {
-    static InteractionFilter *filter = nullptr;
-    if (!filter && qApp) {
-        filter = new InteractionFilter;
-        filter->setParent(qApp);
-        qApp->installEventFilter(filter);
+    if (blockedViews++ == 0 && qApp && !interactionFilter) {
+        interactionFilter = new InteractionFilter;
+        interactionFilter->setParent(qApp);
+        qApp->installEventFilter(interactionFilter);
     }
+}
+
+void viewUnblocked()
+{
+    if (--blockedViews == 0)
+        delete interactionFilter; // removes itself from the application
 }
 
 QRect shown(const QRectF &frame)
@@ -80,12 +92,15 @@ void distribute(double delta, bool flexA, double a, bool flexB, double b, bool f
 
 QKView::QKView(const QRectF &frame, QWidget *parent) : QWidget(parent), m_frame(frame)
 {
-    installInteractionFilter();
     setAttribute(Qt::WA_NoSystemBackground);
     applyGeometry(m_frame);
 }
 
-QKView::~QKView() = default;
+QKView::~QKView()
+{
+    if (!m_userInteraction)
+        viewUnblocked();
+}
 
 void QKView::applyGeometry(const QRectF &displayed)
 {
@@ -166,6 +181,7 @@ void QKView::setUserInteractionEnabled(bool enabled)
     if (m_userInteraction == enabled)
         return;
     m_userInteraction = enabled;
+    enabled ? viewUnblocked() : viewBlocked();
     applyInteraction();
     // The focus stays: a field keeps editing while its screen is switched off (during a
     // send, say), as on the platform. Keys stop at this view (InteractionFilter).

@@ -6,8 +6,8 @@
 #include "../kit/QKTextMetrics.h"
 
 #include <QPainter>
+#include "../models/QKPalette.h"
 
-static const QColor lightGrey(170, 170, 170);
 static constexpr qreal unlimitedHeight = 3.4028234663852886e38;
 
 static QFont commentFont()
@@ -39,21 +39,21 @@ QKFeedbackItemCommentTableViewCell::QKFeedbackItemCommentTableViewCell(const QSt
 {
     setSelectionStyle(SelectionStyleNone);
 
-    m_authorLabel = makeLabel(lightGrey);
+    m_authorLabel = makeLabel(QKPalette::secondaryText());
     contentView()->addSubview(m_authorLabel);
-    m_titleLabel = makeLabel(Qt::black);
+    m_titleLabel = makeLabel(QKPalette::text());
     m_titleLabel->setNumberOfLines(0);
     contentView()->addSubview(m_titleLabel);
-    m_dateLabel = makeLabel(lightGrey);
+    m_dateLabel = makeLabel(QKPalette::secondaryText());
     contentView()->addSubview(m_dateLabel);
     m_lineView = new QKView;
-    m_lineView->setBackgroundColor(lightGrey);
+    m_lineView->setBackgroundColor(QKPalette::secondaryText());
     // Views show at whole points, which rounds a half-point line away or up to a full
     // point; the cell draws it where the view says instead.
     m_lineView->setHidden(true);
     contentView()->addSubview(m_lineView);
     // After the labels: making the text label runs a layout pass that uses them.
-    textLabel()->setTextColor(Qt::white);
+    textLabel()->setTextColor(QKPalette::onTint());
 }
 
 QKFeedbackItemCommentTableViewCell::~QKFeedbackItemCommentTableViewCell() = default;

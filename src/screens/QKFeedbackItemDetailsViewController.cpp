@@ -6,9 +6,7 @@
 #include "QKFeedbackSettingsViewController.h"
 
 #include "../annotation/QKFeedbackTextView.h"
-#include "../base/QKDispatch.h"
 #include "../base/QKLocalizedString.h"
-#include "../base/QKWhitespace.h"
 #include "../core/QKFeedback.h"
 #include "../kit/QKActivityIndicatorView.h"
 #include "../kit/QKAlertView.h"
@@ -23,18 +21,46 @@
 #include "../kit/QKNotificationCenter.h"
 #include "../kit/QKTableView.h"
 #include "../kit/QKTextField.h"
+#include "../models/QKPalette.h"
 
-// The platform's darkGrayColor and lightGrayColor.
-static const QColor darkGray = QColor::fromRgbF(1.0 / 3, 1.0 / 3, 1.0 / 3);
-static const QColor lightGray = QColor::fromRgbF(2.0 / 3, 2.0 / 3, 2.0 / 3);
-
-static qsizetype subItemCount(const QKFeedbackItemPtr &item)
+QKFeedbackItemDetailsViewController::QKFeedbackItemDetailsViewController(QObject *parent)
+    : QKViewController(parent), m_model(new QKFeedbackDetailsModel)
 {
-    return item && item->subItems() ? item->subItems()->size() : 0;
+    connect(m_model, &QKFeedbackDetailsModel::busyChanged, this, [this](bool busy) {
+        if (m_feedbackTableView)
+            m_feedbackTableView->setHidden(busy);
+        if (m_activityIndicator)
+            busy ? m_activityIndicator->startAnimating() : m_activityIndicator->stopAnimating();
+    });
+    connect(m_model, &QKFeedbackDetailsModel::reloaded, this, [this] {
+        if (m_feedbackTableView)
+            m_feedbackTableView->reloadData();
+    });
+    connect(m_model, &QKFeedbackDetailsModel::nameNeeded, this, [this] {
+        auto *screen = new QKFeedbackSettingsViewController;
+        screen->setDelegate(this);
+        screen->setExitOnBackTouched(false);
+        if (QKNavigationController *navigation = navigationController())
+            navigation->pushViewController(screen, true);
+        else
+            delete screen;
+    });
+    connect(m_model, &QKFeedbackDetailsModel::commentSent, this, [this] {
+        if (m_textView) {
+            m_textView->textField()->setText(QString());
+            m_textView->sendButton()->setEnabled(false);
+        }
+        if (QKTableView *table = m_feedbackTableView) {
+            table->reloadData();
+            table->layoutIfNeeded();
+            table->selectRowAtIndexPath(QKIndexPath(1, 0), true, QKTableView::ScrollPositionBottom);
+        }
+    });
+    // Tied to the model, not to the screen: a failure shows even after the screen closed.
+    connect(m_model, &QKFeedbackDetailsModel::commentFailed, m_model, [](const QString &title, const QString &message) {
+        (new QKAlertView(title, message, QKLocalizedString("Cancel")))->show();
+    });
 }
-
-QKFeedbackItemDetailsViewController::QKFeedbackItemDetailsViewController(QObject *parent) : QKViewController(parent)
-{}
 
 QKFeedbackItemDetailsViewController::~QKFeedbackItemDetailsViewController()
 {
@@ -45,6 +71,8 @@ QKFeedbackItemDetailsViewController::~QKFeedbackItemDetailsViewController()
         m_feedbackTableView->setDataSource(nullptr);
         m_feedbackTableView->setDelegate(nullptr);
     }
+    disconnect(m_model, nullptr, this, nullptr);
+    m_model->deleteWhenIdle();
 }
 
 void QKFeedbackItemDetailsViewController::viewDidLoad()
@@ -52,13 +80,13 @@ void QKFeedbackItemDetailsViewController::viewDidLoad()
     QKViewController::viewDidLoad();
     setTitle(QKLocalizedString("Feedback"));
     QKView *root = view();
-    root->setBackgroundColor(Qt::white);
+    root->setBackgroundColor(QKPalette::background());
 
     m_feedbackTableView = new QKTableView;
     m_feedbackTableView->setSeparatorStyle(QKTableView::SeparatorStyleNone);
     m_feedbackTableView->setDataSource(this);
     m_feedbackTableView->setDelegate(this);
-    m_feedbackTableView->setHidden(true);
+    m_feedbackTableView->setHidden(m_model->isBusy());
     m_feedbackTableView->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
     m_feedbackTableView->registerClass<QKFeedbackItemImageTableViewCell>(QStringLiteral("screenshot"));
     m_feedbackTableView->registerClass<QKFeedbackItemTableViewCell>(QStringLiteral("item"));
@@ -76,7 +104,8 @@ void QKFeedbackItemDetailsViewController::viewDidLoad()
 
     m_activityIndicator = new QKActivityIndicatorView(QKActivityIndicatorView::Gray);
     root->addSubview(m_activityIndicator);
-    m_activityIndicator->startAnimating();
+    if (m_model->isBusy())
+        m_activityIndicator->startAnimating();
 
     // Observed for as long as this screen lives.
     QKNotificationCenter *center = QKNotificationCenter::defaultCenter();
@@ -108,72 +137,13 @@ void QKFeedbackItemDetailsViewController::viewDidLayoutSubviews()
 
 void QKFeedbackItemDetailsViewController::reloadData()
 {
-    const QKFeedbackItemPtr item = feedbackItem();
-    if (!item || item->image().isNull())
-        return;
-    if (m_activityIndicator)
-        m_activityIndicator->stopAnimating();
-    if (m_feedbackTableView) {
-        m_feedbackTableView->setHidden(false);
-        m_feedbackTableView->reloadData();
-    }
+    m_model->reload();
 }
 
 void QKFeedbackItemDetailsViewController::sendComment(const QString &text)
 {
     view()->endEditing(true);
-    const QKFeedbackDataSourcePtr source = dataSource();
-    const QString userName = source ? source->userName() : QString();
-    if (userName.isEmpty()) {
-        m_commentText = text;
-        auto *screen = new QKFeedbackSettingsViewController;
-        screen->setDelegate(this);
-        screen->setExitOnBackTouched(false);
-        if (QKNavigationController *navigation = navigationController())
-            navigation->pushViewController(screen, true);
-        else
-            delete screen;
-        return;
-    }
-
-    auto comment = QKFeedbackItem::create();
-    comment->setText(text);
-    if (m_feedbackTableView)
-        m_feedbackTableView->setHidden(true);
-    if (m_activityIndicator)
-        m_activityIndicator->startAnimating();
-    const QKFeedbackItemPtr item = feedbackItem();
-    // Weak: a screen closed before the answer is not kept alive for it.
-    QPointer<QKFeedbackItemDetailsViewController> weakSelf(this);
-    source->addSubItemForKey(
-        item ? item->key() : QString(), comment, [weakSelf, comment](std::optional<QKError> error) {
-            QKDispatch::async(QKDispatch::mainQueue(), [weakSelf, comment, failed = error.has_value()] {
-                QKAssertMainThread();
-                if (failed) {
-                    (new QKAlertView(QKLocalizedString("Network error"),
-                                     QKLocalizedString("Could not send data to server"), QKLocalizedString("Cancel")))
-                        ->show();
-                    return;
-                }
-                QKFeedbackItemDetailsViewController *self = weakSelf.data();
-                if (!self)
-                    return;
-                if (self->m_activityIndicator)
-                    self->m_activityIndicator->stopAnimating();
-                if (self->m_textView) {
-                    self->m_textView->textField()->setText(QString());
-                    self->m_textView->sendButton()->setEnabled(false);
-                }
-                if (const QKFeedbackItemPtr shown = self->feedbackItem())
-                    shown->insertSubItem(comment, 0);
-                if (QKTableView *table = self->m_feedbackTableView) {
-                    table->setHidden(false);
-                    table->reloadData();
-                    table->layoutIfNeeded();
-                    table->selectRowAtIndexPath(QKIndexPath(1, 0), true, QKTableView::ScrollPositionBottom);
-                }
-            });
-        });
+    m_model->sendComment(text);
 }
 
 bool QKFeedbackItemDetailsViewController::isPortrait(qint64 orientation)
@@ -220,7 +190,7 @@ int QKFeedbackItemDetailsViewController::numberOfSectionsInTableView(QKTableView
 
 int QKFeedbackItemDetailsViewController::numberOfRowsInSection(QKTableView *, int section)
 {
-    return section == 0 ? 2 : int(subItemCount(feedbackItem()));
+    return section == 0 ? 2 : m_model->rowCount();
 }
 
 QKTableViewCell *QKFeedbackItemDetailsViewController::cellForRowAtIndexPath(QKTableView *tableView,
@@ -241,7 +211,7 @@ QKTableViewCell *QKFeedbackItemDetailsViewController::cellForRowAtIndexPath(QKTa
     }
     auto *cell = static_cast<QKFeedbackItemCommentTableViewCell *>(
         tableView->dequeueReusableCell(QStringLiteral("comment"), indexPath));
-    cell->initWithItem(item->subItems()->at(indexPath.row()));
+    cell->initWithItem(m_model->comment(indexPath.row()));
     return cell;
 }
 
@@ -254,7 +224,7 @@ qreal QKFeedbackItemDetailsViewController::heightForRowAtIndexPath(QKTableView *
             return QKFeedbackItemImageTableViewCell::heightForImage(item ? item->image() : QImage(), bounds.width());
         return QKFeedbackItemTableViewCell::heightForItem(item, bounds.width(), bounds.height());
     }
-    return QKFeedbackItemCommentTableViewCell::heightForComment(item, item->subItems()->at(indexPath.row()),
+    return QKFeedbackItemCommentTableViewCell::heightForComment(item, m_model->comment(indexPath.row()),
                                                                 bounds.width());
 }
 
@@ -269,18 +239,18 @@ QKView *QKFeedbackItemDetailsViewController::viewForHeaderInSection(QKTableView 
         return nullptr;
     const qreal width = tableView->frame().width();
     auto *header = new QKView(QRectF(0, 0, width, 16));
-    header->setBackgroundColor(Qt::white);
+    header->setBackgroundColor(QKPalette::background());
 
     auto *label = new QKLabel(QRectF(10, 1, width - 10, 14));
     label->setFont(QKFont::boldSystem(14));
-    label->setTextColor(darkGray);
-    label->setText(QStringLiteral("%1 %2").arg(subItemCount(feedbackItem())).arg(QKLocalizedString("COMMENTS")));
+    label->setTextColor(QKPalette::darkText());
+    label->setText(QStringLiteral("%1 %2").arg(m_model->rowCount()).arg(QKLocalizedString("COMMENTS")));
     header->addSubview(label);
 
     // Views clip to their superview here: the line takes the header's last point, not
     // the one below it, or it would never show.
     auto *line = new QKView(QRectF(10, 15, width - 20, 1));
-    line->setBackgroundColor(lightGray);
+    line->setBackgroundColor(QKPalette::secondaryText());
     header->addSubview(line);
     return header;
 }
@@ -306,25 +276,18 @@ void QKFeedbackItemDetailsViewController::settingsViewControllerInit(QKFeedbackS
 }
 
 void QKFeedbackItemDetailsViewController::settingsViewController(QKFeedbackSettingsViewController *screen,
-                                                                 const QString &action)
+                                                                 QKFeedbackSendFlow::NameAction action)
 {
-    if (!action.isEmpty()) {
+    const bool sends = action != QKFeedbackSendFlow::Back;
+    if (sends) {
         screen->view()->endEditing(true);
         if (QKNavigationController *navigation = navigationController())
             navigation->popViewControllerAnimated(true);
+        view()->endEditing(true);
     }
-    const QKFeedbackDataSourcePtr source = dataSource();
-    if (action == QLatin1String("SendAnonymous")) {
-        if (source)
-            source->setUserName(QKLocalizedString("Anonymous"));
-        screen->nameTextField()->setText(source ? source->userName() : QString());
-    } else if (source) {
-        source->setUserName(QKTrimmedWhitespace(screen->nameTextField()->text()));
-    }
-    const QString userName = source ? source->userName() : QString();
-    if (!userName.isNull())
-        QKFeedback::sharedInstance()->settings().insert(QStringLiteral("Name"), userName);
-    QKFeedback::sharedInstance()->saveSettings();
-    if (!action.isEmpty())
-        sendComment(m_commentText);
+    // The façade keeps the saved name; the model sends the held comment.
+    m_model->setSendFlow(QKFeedback::sharedInstance()->sendFlow());
+    const QString name = m_model->chooseName(action, screen->nameTextField()->text());
+    if (action == QKFeedbackSendFlow::SendAnonymous)
+        screen->nameTextField()->setText(name);
 }

@@ -7,11 +7,11 @@
 #include "../kit/QKTableViewDataSource.h"
 #include "../kit/QKTableViewDelegate.h"
 #include "../kit/QKViewController.h"
+#include "../models/QKFeedbackDetailsModel.h"
 #include "QKFeedbackSettingsViewControllerDelegate.h"
 
 #include <QPointer>
 #include <QSizeF>
-#include <QWeakPointer>
 
 class QKActivityIndicatorView;
 class QKNotification;
@@ -22,14 +22,16 @@ class QKTableView;
 /// with a comment bar pinned to the bottom. The list screen sets feedbackItem and
 /// dataSource, fetches the image and sub-items and calls reloadData as each arrives;
 /// the content shows only once the item has an image. A user without a name is sent
-/// to the name screen before the first comment goes out.
+/// to the name screen before the first comment goes out. Those rules are its details
+/// model's; the screen shows what the model says and forwards the user's input.
 ///
 /// Sending needs a data source that implements addSubItemForKey, which is called
 /// unchecked: the local source does not implement it and throws
 /// QKUnrecognizedSelectorException, so a host checks
 /// implements(QKFeedbackDataSource::Operation::AddSubItemForKey) before offering comments.
-/// The item and the data source are held weakly: the list screen keeps them. Main
-/// thread only; the send's completion may come on any thread and is moved to the main one.
+/// The item and the data source are held weakly: the list screen keeps them. The
+/// model outlives a screen closed while a comment is on its way, so that a failure
+/// still shows its alert. Main thread only.
 ///
 /// With the keyboard up, the comment bar sits above the keyboard's height in every
 /// orientation and on every system version, as on the send screen (see there why the
@@ -53,6 +55,9 @@ public:
     /// Sends `text` as a new comment on the item, or first pushes the name screen when
     /// the data source has no user name.
     void sendComment(const QString &text);
+    /// The item, its comments and the comment being sent; owned by the screen, or by
+    /// itself once the screen is gone and a comment is still on its way.
+    QKFeedbackDetailsModel *model() const { return m_model; }
     /// True for the two portrait interface orientations, 1 and 2.
     static bool isPortrait(qint64 orientation);
 
@@ -74,15 +79,17 @@ public:
     void feedbackTextViewEndEdit(QKFeedbackTextView *textView) override;
 
     void settingsViewControllerInit(QKFeedbackSettingsViewController *screen) override;
-    /// A non-empty action pops the name screen and sends the held comment; every
+    using QKFeedbackSettingsViewControllerDelegate::settingsViewController;
+    /// Any action but Back pops the name screen and sends the held comment; every
     /// action records the name and saves the settings.
-    void settingsViewController(QKFeedbackSettingsViewController *screen, const QString &action) override;
+    void settingsViewController(QKFeedbackSettingsViewController *screen,
+                                QKFeedbackSendFlow::NameAction action) override;
 
     /// Read-only state: set by the keyboard notices, and the comment held back while
     /// the user enters a name.
     bool keyboardIsVisible() const { return m_keyboardIsVisible; }
     QSizeF keyboardSize() const { return m_keyboardSize; }
-    QString commentText() const { return m_commentText; }
+    QString commentText() const { return m_model->pendingComment(); }
 
     /// Made by viewDidLoad and owned by the view; the setters only change which one
     /// the screen refers to.
@@ -94,19 +101,17 @@ public:
     void setTextView(QKFeedbackTextView *textView) { m_textView = textView; }
 
     /// Null once the holder let it go.
-    QKFeedbackItemPtr feedbackItem() const { return m_feedbackItem.toStrongRef(); }
-    void setFeedbackItem(const QKFeedbackItemPtr &item) { m_feedbackItem = item; }
-    QKFeedbackDataSourcePtr dataSource() const { return m_dataSource.toStrongRef(); }
-    void setDataSource(const QKFeedbackDataSourcePtr &dataSource) { m_dataSource = dataSource; }
+    QKFeedbackItemPtr feedbackItem() const { return m_model->item(); }
+    void setFeedbackItem(const QKFeedbackItemPtr &item) { m_model->setItem(item); }
+    QKFeedbackDataSourcePtr dataSource() const { return m_model->dataSource(); }
+    void setDataSource(const QKFeedbackDataSourcePtr &dataSource) { m_model->setDataSource(dataSource); }
 
 private:
     bool m_keyboardIsVisible = false;
     QSizeF m_keyboardSize;
-    QString m_commentText;
+    QKFeedbackDetailsModel *m_model = nullptr;
     // Guarded: the root view, and these with it, may go before this controller.
     QPointer<QKTableView> m_feedbackTableView;
-    QWeakPointer<QKFeedbackItem> m_feedbackItem;
     QPointer<QKActivityIndicatorView> m_activityIndicator;
     QPointer<QKFeedbackTextView> m_textView;
-    QWeakPointer<QKFeedbackDataSource> m_dataSource;
 };

@@ -1,6 +1,7 @@
 #include "QKFeedbackItemImageTableViewCell.h"
 
 #include <cmath>
+#include "../models/QKPalette.h"
 
 // Height over width in points; NaN for no image.
 static qreal aspectRatio(const QImage &image)
@@ -19,7 +20,7 @@ QKFeedbackItemImageTableViewCell::QKFeedbackItemImageTableViewCell(const QString
     m_image->setBackgroundColor(Qt::transparent);
     m_image->setContentMode(QKImageView::ScaleAspectFit);
     m_image->setAutoresizingMask(FlexibleLeftMargin | FlexibleWidth | FlexibleRightMargin);
-    m_image->setBorderColor(QColor(190, 190, 190));
+    m_image->setBorderColor(QKPalette::imageBorder());
     m_image->setBorderWidth(1.0);
     contentView()->addSubview(m_image);
 }

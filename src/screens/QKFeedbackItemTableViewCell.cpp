@@ -3,9 +3,8 @@
 #include "../kit/QKDateFormatter.h"
 #include "../kit/QKFont.h"
 #include "../kit/QKTextMetrics.h"
+#include "../models/QKPalette.h"
 
-static const QColor lightGrey(170, 170, 170);
-static const QColor stateBlue(0, 122, 255);
 static constexpr qreal unlimitedHeight = 3.4028234663852886e38;
 
 static QFont titleFont()
@@ -26,11 +25,11 @@ QKFeedbackItemTableViewCell::QKFeedbackItemTableViewCell(const QString &reuseIde
     setSelectionStyle(SelectionStyleNone);
 
     m_dateLabel = new QKLabel;
-    m_dateLabel->setTextColor(lightGrey);
+    m_dateLabel->setTextColor(QKPalette::secondaryText());
     contentView()->addSubview(m_dateLabel);
 
     m_stateLabel = new QKLabel;
-    m_stateLabel->setTextColor(stateBlue);
+    m_stateLabel->setTextColor(QKPalette::tint());
     m_stateLabel->setTextAlignment(Qt::AlignRight);
     m_stateLabel->setAutoresizingMask(FlexibleRightMargin);
     contentView()->addSubview(m_stateLabel);
@@ -40,7 +39,7 @@ QKFeedbackItemTableViewCell::QKFeedbackItemTableViewCell(const QString &reuseIde
     m_titleLabel->setFont(titleFont());
     contentView()->addSubview(m_titleLabel);
     // After the labels: making the text label runs a layout pass that uses them.
-    textLabel()->setTextColor(Qt::white);
+    textLabel()->setTextColor(QKPalette::onTint());
 }
 
 QKFeedbackItemTableViewCell::~QKFeedbackItemTableViewCell() = default;

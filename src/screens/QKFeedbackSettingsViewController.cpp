@@ -9,18 +9,24 @@
 #include "../kit/QKNavigationController.h"
 #include "../kit/QKTextField.h"
 #include "QKFeedbackSettingsViewControllerDelegate.h"
-
-static const QColor lightGrey = QColor::fromRgbF(2.0f / 3, 2.0f / 3, 2.0f / 3);
-static const QColor buttonBlue = QColor::fromRgbF(0.0f, 122.0f / 255, 1.0f, 1.0f);
+#include "../models/QKPalette.h"
 
 static QKButton *makeButton(const QString &title, bool enabled)
 {
     auto *button = new QKButton(QKButton::Custom);
     button->setEnabled(enabled);
     button->setTitle(title, QKButton::Normal);
-    button->setTitleColor(lightGrey, QKButton::Disabled);
-    button->setTitleColor(buttonBlue, QKButton::Normal);
+    button->setTitleColor(QKPalette::secondaryText(), QKButton::Disabled);
+    button->setTitleColor(QKPalette::tint(), QKButton::Normal);
     return button;
+}
+
+// Through the string form, so that a delegate written against the strings hears it too.
+static void report(QKFeedbackSettingsViewControllerDelegate *delegate, QKFeedbackSettingsViewController *screen,
+                   QKFeedbackSendFlow::NameAction action)
+{
+    if (delegate)
+        delegate->settingsViewController(screen, QKFeedbackSendFlow::nameActionString(action));
 }
 
 QKFeedbackSettingsViewController::QKFeedbackSettingsViewController(QObject *parent) : QKViewController(parent)
@@ -31,7 +37,7 @@ QKFeedbackSettingsViewController::~QKFeedbackSettingsViewController() = default;
 void QKFeedbackSettingsViewController::viewDidLoad()
 {
     QKViewController::viewDidLoad();
-    view()->setBackgroundColor(Qt::white);
+    view()->setBackgroundColor(QKPalette::background());
 
     navigationItem()->setLeftBarButtonItem(new QKBarButtonItem(
         QKLocalizedString("Back"), QKBarButtonItem::Done, [this](QKBarButtonItem *sender) { backTouched(sender); }));
@@ -39,12 +45,12 @@ void QKFeedbackSettingsViewController::viewDidLoad()
     m_nameDescription = new QKLabel;
     m_nameDescription->setNumberOfLines(0);
     m_nameDescription->setText(QKLocalizedString("Your name will appear on the feedback you are sending."));
-    m_nameDescription->setTextColor(lightGrey);
+    m_nameDescription->setTextColor(QKPalette::secondaryText());
     view()->addSubview(m_nameDescription);
 
     m_nameTextField = new QKTextField;
     m_nameTextField->setBorderStyle(QKTextField::BorderRoundedRect);
-    m_nameTextField->setTintColor(Qt::black);
+    m_nameTextField->setTintColor(QKPalette::text());
     m_nameTextField->setAutocorrectionType(QKTextField::AutocorrectionNo);
     m_nameTextField->setPlaceholder(QKLocalizedString("Name"));
     m_nameTextField->addTarget(
@@ -97,20 +103,17 @@ void QKFeedbackSettingsViewController::textFieldDidChange(QKControl *)
 
 void QKFeedbackSettingsViewController::sendWithName()
 {
-    if (m_delegate)
-        m_delegate->settingsViewController(this, QStringLiteral("SendWithName"));
+    report(m_delegate, this, QKFeedbackSendFlow::SendWithName);
 }
 
 void QKFeedbackSettingsViewController::sendAnonymous()
 {
-    if (m_delegate)
-        m_delegate->settingsViewController(this, QStringLiteral("SendAnonymous"));
+    report(m_delegate, this, QKFeedbackSendFlow::SendAnonymous);
 }
 
 void QKFeedbackSettingsViewController::backTouched(QKBarButtonItem *)
 {
-    if (m_delegate)
-        m_delegate->settingsViewController(this, QStringLiteral(""));
+    report(m_delegate, this, QKFeedbackSendFlow::Back);
     view()->endEditing(true);
     if (!m_exitOnBackTouched) {
         if (QKNavigationController *navigation = navigationController())

@@ -4,5 +4,11 @@ void QKFeedbackSettingsViewControllerDelegate::settingsViewControllerInit(QKFeed
 {}
 
 void QKFeedbackSettingsViewControllerDelegate::settingsViewController(QKFeedbackSettingsViewController *,
-                                                                      const QString &)
+                                                                      QKFeedbackSendFlow::NameAction)
 {}
+
+void QKFeedbackSettingsViewControllerDelegate::settingsViewController(QKFeedbackSettingsViewController *screen,
+                                                                      const QString &action)
+{
+    settingsViewController(screen, QKFeedbackSendFlow::nameAction(action));
+}

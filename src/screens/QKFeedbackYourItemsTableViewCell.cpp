@@ -4,31 +4,12 @@
 #include "../kit/QKDateFormatter.h"
 #include "../kit/QKFont.h"
 #include "../kit/QKTextMetrics.h"
+#include "../models/QKFeedbackListModel.h"
 
-#include <QRegularExpression>
-
-#include <cmath>
 #include <limits>
+#include "../models/QKPalette.h"
 
-static const QColor darkGrey(85, 85, 85);
-static const QColor stateBlue(0, 122, 255);
 static constexpr qreal unlimitedHeight = 3.4028234663852886e38;
-
-// The platform's integer value of a number or text: fractions cut off, a text read
-// up to its first non-digit, anything else 0.
-static qint64 integerValue(const QVariant &value)
-{
-    if (value.typeId() == QMetaType::QString) {
-        static const QRegularExpression leading(QStringLiteral("^\\s*[+-]?\\d+"));
-        const QRegularExpressionMatch match = leading.match(value.toString());
-        return match.hasMatch() ? match.captured().trimmed().toLongLong() : 0;
-    }
-    bool ok = false;
-    const double number = value.toDouble(&ok);
-    if (!ok || !(std::fabs(number) < 9.2e18))
-        return 0;
-    return qint64(std::trunc(number));
-}
 
 // One line of the text in `font`, whatever the text.
 static qreal lineHeight(const QString &text, qreal size)
@@ -53,21 +34,21 @@ QKFeedbackYourItemsTableViewCell::QKFeedbackYourItemsTableViewCell(const QString
     m_titleLabel = new QKLabel;
     m_titleLabel->setNumberOfLines(0);
     m_titleLabel->setFont(QKFont::system(12));
-    m_titleLabel->setTextColor(darkGrey);
+    m_titleLabel->setTextColor(QKPalette::darkText());
     contentView()->addSubview(m_titleLabel);
 
     m_commentLabel = new QKLabel;
-    m_commentLabel->setTextColor(darkGrey);
+    m_commentLabel->setTextColor(QKPalette::darkText());
     m_commentLabel->setFont(QKFont::system(12));
     contentView()->addSubview(m_commentLabel);
 
     m_stateLabel = new QKLabel;
-    m_stateLabel->setTextColor(stateBlue);
+    m_stateLabel->setTextColor(QKPalette::tint());
     m_stateLabel->setTextAlignment(Qt::AlignRight);
     m_stateLabel->setFont(QKFont::system(12));
     contentView()->addSubview(m_stateLabel);
     // After the labels: making the text label runs a layout pass that uses them.
-    textLabel()->setTextColor(Qt::white);
+    textLabel()->setTextColor(QKPalette::onTint());
 }
 
 QKFeedbackYourItemsTableViewCell::~QKFeedbackYourItemsTableViewCell() = default;
@@ -79,11 +60,9 @@ void QKFeedbackYourItemsTableViewCell::initWithItem(const QKFeedbackItemPtr &ite
     m_stateLabel->setText(item ? item->state() : QString());
     m_dateLabel->setText(QKDateFormatter::mediumDateShortTime(item ? item->createdAt() : QDateTime()));
 
-    // The server's count includes the item itself.
-    qint64 count = item ? qMax<qint64>(0, integerValue(item->params().value(QStringLiteral("CommentsCount"))) - 1) : 0;
+    const qint64 count = QKFeedbackListModel::commentCount(item);
     QString last = QStringLiteral("");
     if (item && item->subItems() && !item->subItems()->isEmpty()) {
-        count = item->subItems()->size();
         // What the platform prints for a record without a description of its own.
         last = QStringLiteral("<QKFeedbackItem: 0x%1>")
                    .arg(QString::number(quintptr(item->subItems()->constLast().data()), 16));

@@ -1,9 +1,7 @@
 #include "QKFeedbackYourItemsViewController.h"
 
-#include "../base/QKDispatch.h"
 #include "../base/QKLocalizedString.h"
 #include "../core/QKFeedback.h"
-#include "../data/QKLocalFeedbackSource.h"
 #include "../kit/QKActivityIndicatorView.h"
 #include "../kit/QKAlertView.h"
 #include "../kit/QKDevice.h"
@@ -15,16 +13,25 @@
 #include "QKFeedbackIndicatorTableViewCell.h"
 #include "QKFeedbackItemDetailsViewController.h"
 #include "QKFeedbackYourItemsTableViewCell.h"
+#include "../models/QKPalette.h"
 
 namespace {
 
 const QString IndicatorCell = QStringLiteral("indicator");
 const QString ItemCell = QStringLiteral("feedbackItem");
-const QColor Blue = QColor::fromRgbF(0.0, 0.47843137254901963, 1.0, 1.0);
+
+// Segments 0 and 1 are the two states; any other, "All" included, lists every state.
+QKFeedbackListModel::Filter filterForSegment(int segment)
+{
+    return segment == 0   ? QKFeedbackListModel::Open
+           : segment == 1 ? QKFeedbackListModel::Resolved
+                          : QKFeedbackListModel::All;
+}
 
 } // namespace
 
-QKFeedbackYourItemsViewController::QKFeedbackYourItemsViewController(QObject *parent) : QKViewController(parent)
+QKFeedbackYourItemsViewController::QKFeedbackYourItemsViewController(QObject *parent)
+    : QKViewController(parent), m_model(new QKFeedbackListModel(this))
 {}
 
 QKFeedbackYourItemsViewController::~QKFeedbackYourItemsViewController()
@@ -41,21 +48,20 @@ void QKFeedbackYourItemsViewController::viewDidLoad()
     QKViewController::viewDidLoad();
     setTitle(QKLocalizedString("Your feedback"));
     QKView *root = view();
-    root->setBackgroundColor(Qt::white);
-    m_feedbackItems.reserve(10);
-    m_showIndicator = true;
+    root->setBackgroundColor(QKPalette::background());
 
     navigationItem()->setLeftBarButtonItem(new QKBarButtonItem(QKLocalizedString("Back"), QKBarButtonItem::Done,
                                                                [this](QKBarButtonItem *) { backTouched(); }));
 
     m_itemsFilter = new QKSegmentedControl;
     m_itemsFilter->addTarget(
-        this, [this](QKControl *) { reloadData(); }, QKControl::ValueChanged);
+        this, [this](QKControl *) { m_model->setFilter(filterForSegment(m_itemsFilter->selectedSegmentIndex())); },
+        QKControl::ValueChanged);
     m_itemsFilter->insertSegment(QKLocalizedString("Open"), 0, true);
     m_itemsFilter->insertSegment(QKLocalizedString("Resolved"), 1, true);
     m_itemsFilter->insertSegment(QKLocalizedString("All"), 2, true);
-    m_itemsFilter->setSelectedSegmentIndex(0);
-    m_itemsFilter->setTintColor(Blue);
+    m_itemsFilter->setSelectedSegmentIndex(int(m_model->filter()));
+    m_itemsFilter->setTintColor(QKPalette::tint());
     root->addSubview(m_itemsFilter);
 
     m_itemsTableView = new QKTableView;
@@ -69,7 +75,7 @@ void QKFeedbackYourItemsViewController::viewDidLoad()
     m_noFeedbackLabel->setText(QKLocalizedString("There are currently no items in this category. Try sending us "
                                                  "feedback via the 'Send feedback' button."));
     m_noFeedbackLabel->setTextAlignment(Qt::AlignCenter);
-    m_noFeedbackLabel->setTextColor(QColor(170, 170, 170));
+    m_noFeedbackLabel->setTextColor(QKPalette::secondaryText());
     m_noFeedbackLabel->setNumberOfLines(0);
     root->addSubview(m_noFeedbackLabel);
 
@@ -79,6 +85,30 @@ void QKFeedbackYourItemsViewController::viewDidLoad()
     m_refreshControl = new QKRefreshControl;
     m_itemsTableView->addSubview(m_refreshControl);
     m_refreshControl->addTarget(this, [this] { refresh(); });
+
+    // The views follow the model; the table is reloaded once per answer, after the
+    // model settled, so that a row coming into view never pages with a stale count.
+    QKFeedbackListModel *model = m_model;
+    connect(model, &QKFeedbackListModel::loadingChanged, this, [this] {
+        if (m_model->isLoading())
+            m_activityIndicator->startAnimating();
+        else
+            m_activityIndicator->stopAnimating();
+    });
+    connect(model, &QKFeedbackListModel::listVisibleChanged, this,
+            [this] { m_itemsTableView->setHidden(!m_model->isListVisible()); });
+    connect(model, &QKFeedbackListModel::emptyMessageVisibleChanged, this,
+            [this] { m_noFeedbackLabel->setHidden(!m_model->isEmptyMessageVisible()); });
+    connect(model, &QKFeedbackListModel::firstPageLoaded, this, [this] { m_itemsTableView->reloadData(); });
+    connect(model, &QKFeedbackListModel::nextPageLoaded, this, [this] {
+        m_itemsTableView->reloadData();
+        m_refreshControl->endRefreshing();
+    });
+    connect(model, &QKFeedbackListModel::firstPageFailed, this, [](const QString &title, const QString &message) {
+        (new QKAlertView(title, message, QKLocalizedString("Cancel")))->show();
+    });
+    m_itemsTableView->setHidden(!model->isListVisible());
+    m_noFeedbackLabel->setHidden(!model->isEmptyMessageVisible());
 
     m_orientation = QKDevice::currentDevice()->orientation();
     reloadData();
@@ -108,87 +138,33 @@ void QKFeedbackYourItemsViewController::backTouched()
 
 void QKFeedbackYourItemsViewController::reloadData()
 {
-    m_showIndicator = true;
-    m_feedbackItems.clear();
-    loadData();
+    m_model->reload();
 }
 
 QString QKFeedbackYourItemsViewController::getState() const
 {
-    switch (m_itemsFilter ? m_itemsFilter->selectedSegmentIndex() : 0) {
-    case 0:
-        return QKLocalizedString("Open");
-    case 1:
-        return QKLocalizedString("Resolved");
-    default:
-        return QString();
-    }
+    return m_model->state();
 }
 
 void QKFeedbackYourItemsViewController::loadData()
 {
-    m_itemsTableView->setHidden(true);
-    m_noFeedbackLabel->setHidden(true);
-    m_activityIndicator->startAnimating();
-    if (!m_dataSource)
-        return;
-    QPointer<QKFeedbackYourItemsViewController> self(this);
-    m_dataSource->feedbackItemsByState(getState(), m_feedbackItems.size(),
-                                       [self](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
-                                           QKDispatch::async(QKDispatch::mainQueue(), [self, items, error] {
-                                               QKAssertMainThread();
-                                               if (!self)
-                                                   return;
-                                               if (items)
-                                                   self->m_feedbackItems.append(*items);
-                                               self->m_activityIndicator->stopAnimating();
-                                               if (error) {
-                                                   auto *alert = new QKAlertView(error->domain, error->message(),
-                                                                                 QKLocalizedString("Cancel"));
-                                                   alert->show();
-                                                   return;
-                                               }
-                                               self->m_itemsTableView->setHidden(self->m_feedbackItems.isEmpty());
-                                               self->m_noFeedbackLabel->setHidden(!self->m_feedbackItems.isEmpty());
-                                               self->m_itemsTableView->reloadData();
-                                           });
-                                       });
+    m_model->loadFirstPage();
 }
 
 void QKFeedbackYourItemsViewController::refresh()
 {
-    if (!m_dataSource)
-        return;
-    const qsizetype before = m_feedbackItems.size();
-    QPointer<QKFeedbackYourItemsViewController> self(this);
-    m_dataSource->feedbackItemsByState(getState(), before,
-                                       [self, before](std::optional<QKFeedbackItemList> items, std::optional<QKError>) {
-                                           QKDispatch::async(QKDispatch::mainQueue(), [self, before, items] {
-                                               QKAssertMainThread();
-                                               if (!self)
-                                                   return;
-                                               if (items)
-                                                   self->m_feedbackItems.append(*items);
-                                               // Another page may exist exactly when this one brought something.
-                                               self->m_showIndicator = self->m_feedbackItems.size() != before;
-                                               if (qobject_cast<QKLocalFeedbackSource *>(self->m_dataSource.data()))
-                                                   self->m_showIndicator = false;
-                                               self->m_itemsTableView->reloadData();
-                                               self->m_noFeedbackLabel->setHidden(!self->m_feedbackItems.isEmpty());
-                                               self->m_refreshControl->endRefreshing();
-                                           });
-                                       });
+    m_model->loadNextPage();
 }
 
 int QKFeedbackYourItemsViewController::numberOfRowsInSection(QKTableView *, int)
 {
-    return int(m_feedbackItems.size()) + (m_showIndicator ? 1 : 0);
+    return m_model->rowCount() + (m_model->showIndicator() ? 1 : 0);
 }
 
 QKTableViewCell *QKFeedbackYourItemsViewController::cellForRowAtIndexPath(QKTableView *tableView,
                                                                           const QKIndexPath &indexPath)
 {
-    if (indexPath.row() >= m_feedbackItems.size()) {
+    if (indexPath.row() >= m_model->rowCount()) {
         auto *cell =
             static_cast<QKFeedbackIndicatorTableViewCell *>(tableView->dequeueReusableCell(IndicatorCell, indexPath));
         // Started although the row takes no height: kept as it always was.
@@ -196,62 +172,34 @@ QKTableViewCell *QKFeedbackYourItemsViewController::cellForRowAtIndexPath(QKTabl
         return cell;
     }
     auto *cell = static_cast<QKFeedbackYourItemsTableViewCell *>(tableView->dequeueReusableCell(ItemCell, indexPath));
-    cell->initWithItem(m_feedbackItems.at(indexPath.row()));
+    cell->initWithItem(m_model->item(indexPath.row()));
     return cell;
 }
 
 qreal QKFeedbackYourItemsViewController::heightForRowAtIndexPath(QKTableView *tableView, const QKIndexPath &indexPath)
 {
-    if (indexPath.row() >= m_feedbackItems.size())
+    if (indexPath.row() >= m_model->rowCount())
         return 0.0;
-    return QKFeedbackYourItemsTableViewCell::heightForItem(m_feedbackItems.at(indexPath.row()),
-                                                           tableView->bounds().width());
+    return QKFeedbackYourItemsTableViewCell::heightForItem(m_model->item(indexPath.row()), tableView->bounds().width());
 }
 
 void QKFeedbackYourItemsViewController::willDisplayCell(QKTableView *, QKTableViewCell *, const QKIndexPath &indexPath)
 {
-    // The last item row, not the indicator row, asks for the next page.
-    if (m_showIndicator && indexPath.row() == m_feedbackItems.size() - 1)
-        refresh();
+    m_model->rowShown(indexPath.row());
 }
 
 void QKFeedbackYourItemsViewController::didSelectRowAtIndexPath(QKTableView *, const QKIndexPath &indexPath)
 {
-    if (indexPath.row() >= m_feedbackItems.size())
+    const QKFeedbackItemPtr item = m_model->item(indexPath.row());
+    if (!item)
         return;
-    const QKFeedbackItemPtr item = m_feedbackItems.at(indexPath.row());
     auto *details = new QKFeedbackItemDetailsViewController;
     details->setFeedbackItem(item);
-    details->setDataSource(m_dataSource);
+    details->setDataSource(m_model->dataSource());
     QPointer<QKFeedbackItemDetailsViewController> shown(details);
     if (QKNavigationController *navigation = navigationController())
         navigation->pushViewController(details, true);
     else
         delete details; // nowhere to show it; the item's comments and image still load
-
-    if (!m_dataSource)
-        return;
-    if (item->image().isNull()) {
-        m_dataSource->imageForKey(item->params().value(QStringLiteral("ImageUri")).toString(),
-                                  [item, shown](QImage image, std::optional<QKError>) {
-                                      QKDispatch::async(QKDispatch::mainQueue(), [item, shown, image] {
-                                          QKAssertMainThread();
-                                          item->setImage(image);
-                                          if (shown)
-                                              shown->reloadData();
-                                      });
-                                  });
-    }
-    m_dataSource->subItemsForKey(item->key(),
-                                 [item, shown](std::optional<QKFeedbackItemList> subItems, std::optional<QKError>) {
-                                     QKDispatch::async(QKDispatch::mainQueue(), [item, shown, subItems] {
-                                         QKAssertMainThread();
-                                         // Opening an item twice does not add its comments twice.
-                                         if (subItems && (!item->subItems() || item->subItems()->isEmpty()))
-                                             for (const QKFeedbackItemPtr &subItem : *subItems)
-                                                 item->addSubItem(subItem);
-                                         if (shown)
-                                             shown->reloadData();
-                                     });
-                                 });
+    m_model->openItem(indexPath.row(), shown ? shown->model() : nullptr);
 }

@@ -77,46 +77,7 @@ private slots:
     }
     void cleanup() { delete m_window; }
 
-    // Surface 256 × 512 over an image of 1024 × 2048, so taps are exactly item points ÷ 4.
-    // A is at item (100, 100), B at (120, 100); their grown boxes overlap in x 104..116.
-    void tapsFindOrCreateMarkers_data()
-    {
-        QTest::addColumn<QPointF>("item");
-        QTest::addColumn<int>("expected"); // index in the list; -1 for a new marker
-        QTest::newRow("overlap picks the later") << QPointF(110, 100) << 1;
-        QTest::newRow("earlier alone") << QPointF(90, 100) << 0;
-        QTest::newRow("under 1 outside the box") << QPointF(84.5, 100) << 0;
-        QTest::newRow("minimum x edge") << QPointF(84, 100) << 0;
-        QTest::newRow("minimum y edge") << QPointF(90, 84) << 0;
-        QTest::newRow("just inside maximum x and y") << QPointF(135.75, 115.75) << 1;
-        QTest::newRow("maximum x edge") << QPointF(136, 100) << -1;
-        QTest::newRow("maximum y edge") << QPointF(130, 116) << -1;
-    }
-    void tapsFindOrCreateMarkers()
-    {
-        QFETCH(QPointF, item);
-        QFETCH(int, expected);
-        QKFeedbackSurfaceView surface(QRectF(7, 9, 256, 512));
-        surface.setOriginalImageSize(QSizeF(1024, 2048));
-        const QList<QKFeedbackPointPtr> ab{surface.feedbackAtPoint(QPointF(25, 25)),
-                                           surface.feedbackAtPoint(QPointF(30, 25))};
-        QCOMPARE(ab[1]->bounds(), QRectF(105, 85, 30, 30));
-
-        QSignalSpy redraws(&surface, &QKFeedbackSurfaceView::redrawRequested);
-        const QKFeedbackPointPtr found = surface.feedbackAtPoint(item / 4);
-        if (expected >= 0) {
-            QCOMPARE(found, ab[expected]);
-            QCOMPARE(surface.feedbackPoints(), ab);
-            QCOMPARE(redraws.count(), 0);
-        } else {
-            QCOMPARE(surface.feedbackPoints(), ab + QList<QKFeedbackPointPtr>{found});
-            QCOMPARE(found->location(), item);
-            QCOMPARE(found->size(), QSizeF(30, 30));
-            QVERIFY(found->annotationText().isNull());
-            QCOMPARE(redraws.count(), 1);
-        }
-    }
-
+    // The hit rules are the model's; the surface maps taps into item space and redraws on its changes.
     void mappingAddingAndRemoving()
     {
         QKFeedbackSurfaceView surface(QRectF(30, 40, 250, 500)); // the origin plays no part
@@ -124,6 +85,12 @@ private slots:
         QCOMPARE(surface.itemPointToSurfacePoint(QPointF(400, 800)), QPointF(100, 200));
         QCOMPARE(surface.surfacePointToItemPoint(QPointF(100, 200)), QPointF(400, 800));
         QCOMPARE(surface.locationOfItem(QKFeedbackPointPtr()), QPointF(0, 0));
+        QKAnnotationModel shared;
+        shared.setImageSize(QSizeF(500, 1000));
+        surface.setModel(&shared);
+        QCOMPARE(surface.feedbackAtPoint(QPointF(100, 200))->location(), QPointF(200, 400));
+        QCOMPARE(surface.feedbackPoints(), shared.points());
+        surface.setModel(nullptr);
 
         // The handed marker's location is taken as a surface point; it is never appended itself.
         QSignalSpy redraws(&surface, &QKFeedbackSurfaceView::redrawRequested);
@@ -153,7 +120,7 @@ private slots:
         const QKFeedbackPointPtr point = surface.feedbackAtPoint(QPointF(50, 50));
         verifyMarkerLook(surface.snapshot(), QPoint(50, 50));
         // Without a surface, at the item-space location.
-        verifyMarkerLook(drawn(200, [&](QPainter &p) { point->drawInContext(p, nullptr); }), QPoint(100, 100));
+        verifyMarkerLook(drawn(200, [&](QPainter &p) { point->drawAt(p, point->location()); }), QPoint(100, 100));
         // The marker view fills the rectangle it is handed, on a clear background.
         QKFeedbackMarker marker(QRectF(0, 0, 80, 80));
         verifyMarkerLook(drawn(80, [&](QPainter &p) { marker.drawRect(p, QRectF(5, 25, 30, 30)); }), QPoint(20, 40));

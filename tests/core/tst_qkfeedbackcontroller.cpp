@@ -250,7 +250,6 @@ private slots:
         QKFeedbackController controller;
         controller.setDataSource(source);
         QCOMPARE(QKFeedback::dataSource().data(), source.data());
-        QCOMPARE(controller.dataSource().data(), source.data());
         QCOMPARE(source->userName(), QStringLiteral("Ada"));
         QVERIFY(source->namedWhileCurrent);
         QKFeedback::setDataSource({});

@@ -9,9 +9,11 @@
 #include "core/QKFeedback.h"
 #include "data/QKLocalFeedbackSource.h"
 
+#include <QApplication>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -37,8 +39,7 @@ constexpr int DefaultKillsPerArchive = 500;
 
 QString fileName(const QString &kind)
 {
-    return kind == QLatin1String("items") ? QStringLiteral("qkfeedback.plist")
-                                          : QStringLiteral("qkfeedback.settings.plist");
+    return kind == QLatin1String("items") ? "qkfeedback.plist" : "qkfeedback.settings.plist";
 }
 
 // What a reader finds: the version of a whole file (0 for none yet), or why it is not whole.
@@ -62,7 +63,7 @@ Found readVersion(const QString &kind, const QString &dir)
         const QVariant root = QKKeyedUnarchiver::unarchiveObjectWithFile(path);
         if (kind == QLatin1String("settings")) {
             const qint64 v = versionOf(root.toMap().value(QStringLiteral("Name")).toString());
-            return v < 0 ? Found{-1, QStringLiteral("no version in the settings")} : Found{v, {}};
+            return v < 0 ? Found{-1, "no version in the settings"} : Found{v, {}};
         }
         const QVariantList list = root.toList();
         if (list.size() != ItemCount)
@@ -77,7 +78,7 @@ Found readVersion(const QString &kind, const QString &dir)
         }
         const auto first = list[0].value<QKCodingPtr>().dynamicCast<QKFeedbackItem>();
         if (first->image().isNull())
-            return {-1, QStringLiteral("the screenshot is lost")};
+            return {-1, "the screenshot is lost"};
         return {version, {}};
     } catch (const QKArchiveException &e) {
         return {-1, e.reason()};
@@ -86,8 +87,7 @@ Found readVersion(const QString &kind, const QString &dir)
 
 QStringList temporaries(const QString &kind, const QString &dir)
 {
-    return QDir(dir).entryList({QLatin1Char('.') + fileName(kind) + QStringLiteral(".*")},
-                               QDir::Files | QDir::Hidden | QDir::System);
+    return QDir(dir).entryList({QLatin1Char('.') + fileName(kind) + ".*"}, QDir::Files | QDir::Hidden | QDir::System);
 }
 
 QByteArray contents(const QString &path)
@@ -119,6 +119,79 @@ struct TmpfsMount
     QString error;
 };
 
+// Unbuffered, so that what was printed before a SIGKILL is in the pipe.
+void report(const char *what, qint64 version)
+{
+    const QByteArray line = QByteArray(what) + ' ' + QByteArray::number(version) + '\n';
+    (void)!::write(STDOUT_FILENO, line.constData(), size_t(line.size()));
+}
+
+qint64 versionOf(const QString &text)
+{
+    return text.startsWith(QLatin1Char('v')) ? text.mid(1).toLongLong() : 0;
+}
+
+// Run as `--save-loop items|settings DIR [SAVES]`, this executable saves one of the
+// library's archives over and over, each time as a new version a reader can recognise,
+// for the tests to kill at any moment. items: ItemCount items whose text is "v<N>", one
+// with a screenshot so that a save takes a while; settings: the façade's settings with
+// the name "v<N>". It starts at the version found in DIR plus one, prints "running
+// <found>" and "saved <N>" after each save that returned true, and stops after SAVES
+// saves (none: until killed).
+int saveLoop(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments().mid(1);
+    QKSetDocumentsDirectory(args[2]);
+    const qint64 saves = args.size() > 3 ? args[3].toLongLong() : -1;
+
+    std::function<bool(qint64)> save;
+    qint64 version = 0;
+    std::unique_ptr<QKLocalFeedbackSource> source;
+    if (args[1] == QLatin1String("items")) {
+        source = std::make_unique<QKLocalFeedbackSource>(); // throws on a torn file
+        if (!source->items().isEmpty())
+            version = versionOf(source->items().first()->text());
+        if (source->items().size() != ItemCount) {
+            QKFeedbackItemList items;
+            for (int i = 0; i < ItemCount; ++i) {
+                auto item = QKFeedbackItem::create();
+                item->setKey(QStringLiteral("k%1").arg(i));
+                item->setState("Open");
+                item->setText(QStringLiteral("v%1").arg(version));
+                items.append(item);
+            }
+            QImage noise(320, 240, QImage::Format_RGB32);
+            for (int y = 0; y < noise.height(); ++y)
+                QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(noise.scanLine(y)), noise.width());
+            items.first()->setImage(noise);
+            source->addFeedbackItems(items, [](auto) {});
+        }
+        save = [&](qint64 v) {
+            for (const QKFeedbackItemPtr &item : source->items())
+                item->setText(QStringLiteral("v%1").arg(v));
+            return source->save();
+        };
+    } else {
+        QKFeedback *feedback = QKFeedback::sharedInstance();
+        version = versionOf(feedback->settings().value(QStringLiteral("Name")).toString());
+        save = [feedback](qint64 v) {
+            feedback->settings()["Name"] = QStringLiteral("v%1").arg(v);
+            return feedback->saveSettings();
+        };
+    }
+
+    report("running", version);
+    for (qint64 done = 0; saves < 0 || done < saves; ++done) {
+        if (!save(++version)) {
+            report("failed", version);
+            return 1;
+        }
+        report("saved", version);
+    }
+    return 0;
+}
+
 } // namespace
 
 class TestDurability : public QObject
@@ -128,7 +201,6 @@ class TestDurability : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY2(QFileInfo(QStringLiteral(MURMORA_SAVE_LOOP)).isExecutable(), MURMORA_SAVE_LOOP);
         const QByteArray seed = qgetenv("MURMORA_DURABILITY_SEED");
         m_seed = seed.isEmpty() ? QRandomGenerator::system()->generate() : seed.toUInt();
         qInfo("seed %u (MURMORA_DURABILITY_SEED repeats a run)", m_seed);
@@ -139,8 +211,8 @@ private slots:
     void killedWriter_data()
     {
         QTest::addColumn<QString>("kind");
-        QTest::newRow("items") << QStringLiteral("items");
-        QTest::newRow("settings") << QStringLiteral("settings");
+        QTest::newRow("items") << "items";
+        QTest::newRow("settings") << "settings";
     }
     void killedWriter()
     {
@@ -155,11 +227,10 @@ private slots:
         clock.start();
 
         qint64 onDisk = 0;
-        int torn = 0, wrongVersion = 0, renamedUnreported = 0, left = 0, maxDelay = 0;
-        QString firstFault;
-        for (int kill = 0; kill < kills && torn == 0; ++kill) {
+        int wrongVersion = 0, renamedUnreported = 0;
+        for (int kill = 0; kill < kills; ++kill) {
             QProcess writer;
-            writer.start(QStringLiteral(MURMORA_SAVE_LOOP), {kind, dir.path()});
+            writer.start(QCoreApplication::applicationFilePath(), {"--save-loop", kind, dir.path()});
             QByteArray out;
             while (!out.contains('\n') && writer.waitForReadyRead(10000))
                 out += writer.readAllStandardOutput();
@@ -167,9 +238,7 @@ private slots:
 
             // A save takes a few milliseconds: a kill within the next dozen lands anywhere
             // in one (the wait has millisecond steps; the scheduler adds the rest).
-            const int delay = int(random.bounded(12000)); // microseconds
-            maxDelay = qMax(maxDelay, delay);
-            const QDeadlineTimer deadline(std::chrono::microseconds(delay), Qt::PreciseTimer);
+            const QDeadlineTimer deadline(std::chrono::microseconds(random.bounded(12000)), Qt::PreciseTimer);
             while (!deadline.hasExpired() && writer.state() == QProcess::Running)
                 writer.waitForReadyRead(qMax(1, int(deadline.remainingTime())));
             QVERIFY2(writer.state() == QProcess::Running, writer.readAllStandardError().constData());
@@ -182,33 +251,23 @@ private slots:
                 if (line.startsWith("saved "))
                     reported = line.mid(6).toLongLong();
             const Found found = readVersion(kind, dir.path());
-            if (found.version < 0) {
-                ++torn;
-                firstFault = found.fault;
-                continue;
-            }
+            QCOMPARE(found.fault, QString()); // never torn
             wrongVersion += found.version < reported || found.version > reported + 1;
             renamedUnreported += found.version == reported + 1;
-            left = int(temporaries(kind, dir.path()).size());
             onDisk = found.version;
         }
-        QCOMPARE(firstFault, QString());
-        QCOMPARE(torn, 0);
         QCOMPARE(wrongVersion, 0);
 
         // One clean save after the last kill.
         QProcess writer;
-        writer.start(QStringLiteral(MURMORA_SAVE_LOOP), {kind, dir.path(), QStringLiteral("1")});
+        writer.start(QCoreApplication::applicationFilePath(), {"--save-loop", kind, dir.path(), "1"});
         QVERIFY(writer.waitForFinished(10000));
         QCOMPARE(writer.exitCode(), 0);
         QCOMPARE(readVersion(kind, dir.path()).version, onDisk + 1);
-        const QStringList stale = temporaries(kind, dir.path());
-        qInfo("%s: %d kills in %lld ms (delays up to %d us), %lld versions, %d torn, %d of a wrong version, %d renamed "
-              "but not reported, %d temporaries left after the kills, %lld after a clean save",
-              qPrintable(kind), kills, clock.elapsed(), maxDelay, onDisk + 1, torn, wrongVersion, renamedUnreported,
-              left, qsizetype(stale.size()));
+        qInfo("%s: %d kills in %lld ms, %lld versions, %d renamed but not reported", qPrintable(kind), kills,
+              clock.elapsed(), onDisk + 1, renamedUnreported);
         // Leftovers of killed writers go with the next save.
-        QCOMPARE(stale, QStringList());
+        QCOMPARE(temporaries(kind, dir.path()), QStringList());
     }
 
     // One save, as the kernel sees it: temporary in the same directory, its data, its
@@ -217,74 +276,51 @@ private slots:
     void systemCallsOfOneSave()
     {
         QFETCH(QString, kind);
-        const QString strace = QStandardPaths::findExecutable(QStringLiteral("strace"));
+        const QString strace = QStandardPaths::findExecutable("strace");
         if (strace.isEmpty())
             QSKIP("strace is not installed");
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
-        const QString log = dir.filePath(QStringLiteral("strace.log"));
-        const QString docs = dir.filePath(QStringLiteral("docs"));
-        QVERIFY(QDir().mkpath(docs));
+        const QString log = dir.filePath("strace.log");
+        QVERIFY(QDir().mkpath(dir.filePath("docs")));
+        const QString docs = QFileInfo(dir.filePath("docs")).canonicalFilePath();
         QProcess traced;
         // LeakSanitizer cannot run under ptrace and would fail the traced helper.
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("ASAN_OPTIONS"),
-                   env.value(QStringLiteral("ASAN_OPTIONS")) + QStringLiteral(":detect_leaks=0"));
+        env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":detect_leaks=0");
         traced.setProcessEnvironment(env);
-        traced.start(strace, {QStringLiteral("-f"), QStringLiteral("-o"), log, QStringLiteral("-e"),
-                              QStringLiteral("trace=openat,write,fsync,fdatasync,rename,renameat,renameat2"),
-                              QStringLiteral(MURMORA_SAVE_LOOP), kind, docs, QStringLiteral("1")});
+        // Saves run on the main thread, the one traced; -y shows each descriptor's file: "3</path>".
+        // The items' archive is saved twice: once as the list is made, then once more.
+        traced.start(strace, {"-y", "-o", log, "-e", "trace=openat,write,fsync,fdatasync,rename,renameat,renameat2",
+                              QCoreApplication::applicationFilePath(), "--save-loop", kind, docs, "1"});
         QVERIFY(traced.waitForFinished(30000));
         if (traced.exitCode() != 0 && contents(log).isEmpty())
-            QSKIP(qPrintable(QStringLiteral("strace cannot trace here: ") + traced.readAllStandardError()));
+            QSKIP(qPrintable("strace cannot trace here: " + traced.readAllStandardError()));
         QCOMPARE(traced.exitCode(), 0);
 
-        // Calls split by another thread ("<unfinished ...>" and "<... resumed>") are joined.
-        QStringList calls;
-        QHash<QString, QString> unfinished;
-        static const QRegularExpression split(QStringLiteral("^(\\d+) +(?:<\\.\\.\\. \\w+ resumed>)?(.*)$"));
-        for (const QString &line : QString::fromUtf8(contents(log)).split(QLatin1Char('\n'))) {
-            const auto m = split.match(line);
-            if (!m.hasMatch())
-                continue;
-            if (line.endsWith(QLatin1String("<unfinished ...>")))
-                unfinished[m.captured(1)] = m.captured(2).chopped(16);
-            else
-                calls.append(unfinished.take(m.captured(1)) + m.captured(2));
-        }
-
-        const QString target = docs + QLatin1Char('/') + fileName(kind);
-        const QString tempPrefix = docs + QStringLiteral("/.") + fileName(kind) + QLatin1Char('.');
-        static const QRegularExpression call(QStringLiteral("^(\\w+)\\((.*)\\) += (-?\\d+)"));
+        const QString temp = docs + "/." + fileName(kind) + QLatin1Char('.');
+        const QString target = QLatin1Char('"') + docs + QLatin1Char('/') + fileName(kind) + QLatin1Char('"');
         QStringList steps;
-        QString temp, tempFd, dirFd;
-        for (const QString &line : std::as_const(calls)) {
-            const auto m = call.match(line);
-            if (!m.hasMatch())
-                continue;
-            const QString name = m.captured(1), args = m.captured(2), result = m.captured(3);
-            const auto arg = [&](int i) { return args.section(QStringLiteral(", "), i, i).remove(QLatin1Char('"')); };
-            if (name == QLatin1String("openat") && arg(1).startsWith(tempPrefix) && args.contains("O_CREAT")) {
-                temp = arg(1), tempFd = result, steps.append(QStringLiteral("create temporary"));
-            } else if (name == QLatin1String("write") && !tempFd.isEmpty() && arg(0) == tempFd) {
-                if (steps.last() != QLatin1String("write"))
-                    steps.append(QStringLiteral("write"));
-            } else if ((name == QLatin1String("fsync") || name == QLatin1String("fdatasync")) && !tempFd.isEmpty() &&
-                       arg(0) == tempFd) {
-                steps.append(QStringLiteral("sync temporary")), tempFd.clear();
-            } else if (name.startsWith(QLatin1String("rename")) && args.contains(temp) && args.contains(target)) {
-                steps.append(QStringLiteral("rename")), temp = QStringLiteral("\x01");
-            } else if (name == QLatin1String("openat") && arg(1) == docs && args.contains("O_DIRECTORY")) {
-                dirFd = result;
-            } else if (name == QLatin1String("fsync") && !dirFd.isEmpty() && arg(0) == dirFd) {
-                steps.append(QStringLiteral("sync directory")), dirFd.clear();
-            }
-            if (steps.size() == 5)
-                break;
+        for (const QString &line : QString::fromUtf8(contents(log)).split(QLatin1Char('\n'))) {
+            const QString name = line.section(QLatin1Char('('), 0, 0);
+            const QString fd =
+                line.section(QLatin1Char('('), 1).section(QStringLiteral(", "), 0, 0).section(u')', 0, 0);
+            QString step;
+            if (name == QLatin1String("openat") && line.contains(u'"' + temp) && line.contains("O_CREAT"))
+                step = "create temporary";
+            else if (name == QLatin1String("write") && fd.contains(u'<' + temp))
+                step = "write";
+            else if ((name == QLatin1String("fsync") || name == QLatin1String("fdatasync")) && fd.contains(u'<' + temp))
+                step = "sync temporary";
+            else if (name.startsWith(QLatin1String("rename")) && line.contains(u'"' + temp) && line.contains(target))
+                step = "rename";
+            else if (name == QLatin1String("fsync") && fd.endsWith(u'<' + docs + u'>'))
+                step = "sync directory";
+            if (!step.isEmpty() && (steps.isEmpty() || steps.last() != step))
+                steps.append(step);
         }
-        QCOMPARE(steps, QStringList({QStringLiteral("create temporary"), QStringLiteral("write"),
-                                     QStringLiteral("sync temporary"), QStringLiteral("rename"),
-                                     QStringLiteral("sync directory")}));
+        QCOMPARE(steps.mid(0, 5),
+                 QStringList({"create temporary", "write", "sync temporary", "rename", "sync directory"}));
     }
 
     // A save that cannot be written reports it, keeps the old file whole and leaves no
@@ -293,10 +329,10 @@ private slots:
     {
         QTest::addColumn<QString>("kind");
         QTest::addColumn<bool>("full");
-        QTest::newRow("items, disk full") << QStringLiteral("items") << true;
-        QTest::newRow("items, read-only") << QStringLiteral("items") << false;
-        QTest::newRow("settings, disk full") << QStringLiteral("settings") << true;
-        QTest::newRow("settings, read-only") << QStringLiteral("settings") << false;
+        QTest::newRow("items, disk full") << "items" << true;
+        QTest::newRow("items, read-only") << "items" << false;
+        QTest::newRow("settings, disk full") << "settings" << true;
+        QTest::newRow("settings, read-only") << "settings" << false;
     }
     void diskFault()
     {
@@ -311,33 +347,36 @@ private slots:
         QKSetDocumentsDirectory(dir.path());
         const QString path = dir.filePath(fileName(kind));
         const bool items = kind == QLatin1String("items");
+        const QString name = "Name";
         QKFeedback *feedback = QKFeedback::sharedInstance();
-        const auto itemTexts = [&] {
-            QStringList texts;
-            for (const QVariant &v : QKKeyedUnarchiver::unarchiveObjectWithFile(path).toList())
-                texts.append(v.value<QKCodingPtr>().dynamicCast<QKFeedbackItem>()->text());
-            return texts;
-        };
-        const auto item = [](const QString &text) {
-            auto made = QKFeedbackItem::create();
-            made->setKey(text);
-            made->setText(text);
-            return made;
-        };
-
         // Declared after the mount: it saves once more when destroyed, before the unmount.
         std::unique_ptr<QKLocalFeedbackSource> source;
-        if (items) {
+        if (items)
             source = std::make_unique<QKLocalFeedbackSource>();
-            source->addFeedbackItems({item(QStringLiteral("a")), item(QStringLiteral("b"))}, [](auto) {});
-        } else {
-            feedback->settings()[QStringLiteral("Name")] = QStringLiteral("before");
-            QVERIFY(feedback->saveSettings());
-        }
+        // The same steps for either archive: a change in memory, a save, what the file holds.
+        const auto change = [&](const QString &text) {
+            if (!items)
+                return void(feedback->settings()[name] = text);
+            auto item = QKFeedbackItem::create();
+            item->setText(text);
+            std::optional<QKError> error{QKError()};
+            source->addFeedback(item, [&](std::optional<QKError> e) { error = e; });
+            QVERIFY(!error); // silent, as the source promises
+        };
+        const auto save = [&] { return items ? source->save() : feedback->saveSettings(); };
+        const auto stored = [&] {
+            const QVariant root = QKKeyedUnarchiver::unarchiveObjectWithFile(path);
+            QStringList texts{root.toMap().value(name).toString()};
+            for (const QVariant &v : root.toList())
+                texts.append(v.value<QKCodingPtr>().dynamicCast<QKFeedbackItem>()->text());
+            return texts.join(u' ').trimmed();
+        };
+        change("a");
+        QVERIFY(save());
         const QByteArray before = contents(path);
-        QVERIFY(!before.isEmpty());
+        QCOMPARE(stored(), "a");
 
-        const QString fillerPath = dir.filePath(QStringLiteral("filler"));
+        const QString fillerPath = dir.filePath("filler");
         if (full) {
             const int fd = ::open(QFile::encodeName(fillerPath).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
             QVERIFY(fd >= 0);
@@ -350,63 +389,36 @@ private slots:
         } else {
             QVERIFY2(mount.setReadOnly(true), std::strerror(errno));
         }
-
-        if (items) {
-            std::optional<QKError> error{QKError{}};
-            source->addFeedback(item(QStringLiteral("c")), [&](std::optional<QKError> e) { error = e; });
-            QVERIFY(!error);
-            QCOMPARE(source->items().size(), 3);
-            QVERIFY(!source->save());
-            QCOMPARE(itemTexts(), QStringList({QStringLiteral("a"), QStringLiteral("b")}));
-        } else {
-            feedback->settings()[QStringLiteral("Name")] = QStringLiteral("after");
-            QVERIFY(!feedback->saveSettings());
-            QCOMPARE(feedback->settings().value(QStringLiteral("Name")).toString(), QStringLiteral("after"));
-        }
+        for (int i = 0; items && i < 2; ++i) // each failed save says so
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("could not be saved to "));
+        change("b");
+        QVERIFY(!save());
         QCOMPARE(contents(path), before);
         QCOMPARE(temporaries(kind, dir.path()), QStringList());
+        QCOMPARE(items ? source->items().size() : 2, 2);
 
         if (full)
             QVERIFY(QFile::remove(fillerPath));
         else
             QVERIFY2(mount.setReadOnly(false), std::strerror(errno));
-        if (items) {
-            QVERIFY(source->save());
-            QCOMPARE(itemTexts(), QStringList({QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("c")}));
-        } else {
-            QVERIFY(feedback->saveSettings());
+        QVERIFY(save());
+        if (!items)
             feedback->loadSettings();
-            QCOMPARE(feedback->settings().value(QStringLiteral("Name")).toString(), QStringLiteral("after"));
-        }
+        QCOMPARE(stored(), items ? "a b" : "b");
         QCOMPARE(temporaries(kind, dir.path()), QStringList());
         source.reset();
-    }
-
-    // A large file's old version is let go after the rename, apart from the save: the
-    // new content is in place at once, and no second name outlives the release.
-    void largeFileReplaced()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("large.bin"));
-        const QByteArray first(20 << 20, 'a'), second(17 << 20, 'b');
-        QVERIFY(QKAtomicFile::write(path, first));
-        QFile held(path);
-        QVERIFY(held.open(QIODevice::ReadOnly)); // a reader of the old version keeps it
-        QVERIFY(QKAtomicFile::write(path, {second.left(1 << 20), second.mid(1 << 20)}));
-        QCOMPARE(contents(path), second);
-        QCOMPARE(held.read(4), QByteArray("aaaa"));
-        const auto leftovers = [&] {
-            return QDir(dir.path()).entryList({QStringLiteral(".large.bin.*")}, QDir::Files | QDir::Hidden);
-        };
-        QTRY_COMPARE(leftovers(), QStringList());
-        QVERIFY(QKAtomicFile::write(path, first));
-        QCOMPARE(contents(path), first);
-        QTRY_COMPARE(leftovers(), QStringList());
     }
 
 private:
     quint32 m_seed = 0;
 };
 
-QTEST_MAIN(TestDurability)
+int main(int argc, char **argv)
+{
+    if (argc > 3 && std::strcmp(argv[1], "--save-loop") == 0)
+        return saveLoop(argc, argv);
+    QApplication app(argc, argv);
+    TestDurability test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_qkdurability.moc"

@@ -6,6 +6,7 @@
 #include "base/QKKeyedArchiver.h"
 #include "base/QKPNGCodec.h"
 #include "data/QKLocalFeedbackSource.h"
+#include "support/ServiceClient.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -13,7 +14,6 @@
 #include <cstdlib>
 #include <memory>
 #include <libdeflate.h>
-#include <unistd.h>
 
 namespace {
 
@@ -22,20 +22,6 @@ constexpr bool MemoryMeasurable = false; // its quarantine keeps freed memory re
 #else
 constexpr bool MemoryMeasurable = true;
 #endif
-
-void appendBigEndian(QByteArray &out, quint32 value)
-{
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.append(char(value >> shift));
-}
-
-void appendChunk(QByteArray &png, const char *type, const QByteArray &data)
-{
-    appendBigEndian(png, quint32(data.size()));
-    const QByteArray typed = QByteArray(type, 4) + data;
-    png.append(typed);
-    appendBigEndian(png, quint32(libdeflate_crc32(0, typed.constData(), size_t(typed.size()))));
-}
 
 // A PNG of 8-bit grey pixels, all zero (each row: filter byte 0, then the pixels),
 // with its zlib stream made from `rows` rows: all of them gives a valid file.
@@ -51,55 +37,23 @@ QByteArray zeroGreyPNG(quint32 width, quint32 height, quint32 rows)
     idat.truncate(qsizetype(size));
 
     QByteArray header;
-    appendBigEndian(header, width);
-    appendBigEndian(header, height);
+    QDataStream(&header, QIODevice::WriteOnly) << width << height;
     header.append("\x08\x00\x00\x00\x00", 5); // 8 bits, grey, deflate, adaptive filters, no interlace
-    QByteArray png("\x89PNG\r\n\x1a\n", 8);
-    appendChunk(png, "IHDR", header);
-    appendChunk(png, "IDAT", idat);
-    appendChunk(png, "IEND", {});
+    const QByteArray png =
+        QByteArray("\x89PNG\r\n\x1a\n", 8) + chunk("IHDR", header) + chunk("IDAT", idat) + chunk("IEND", {});
     return size ? png : QByteArray();
-}
-
-qint64 residentBytes()
-{
-    QFile statm(QStringLiteral("/proc/self/statm"));
-    if (!statm.open(QIODevice::ReadOnly))
-        return -1;
-    return statm.readAll().split(' ').value(1).toLongLong() * ::sysconf(_SC_PAGESIZE);
-}
-
-// The peak resident size since the last resetPeak(), from /proc/self/status.
-qint64 peakBytes()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n'))
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong() * 1024;
-    return -1;
-}
-
-bool resetPeak()
-{
-    QFile clear(QStringLiteral("/proc/self/clear_refs"));
-    return clear.open(QIODevice::WriteOnly) && clear.write("5") == 1;
 }
 
 // An item as another writer may archive it: any bytes as its screenshot.
 struct ForeignItem : QKCoding
 {
     QByteArray png;
-    QStringList archiveClassChain() const override
-    {
-        return {QStringLiteral("QKFeedbackItem"), QStringLiteral("NSObject")};
-    }
+    QStringList archiveClassChain() const override { return {"QKFeedbackItem", "NSObject"}; }
     void encodeWithCoder(QKKeyedArchiver &coder) const override
     {
-        coder.encodeObject(QStringLiteral("hostile"), QStringLiteral("key"));
-        coder.encodeObject(QStringLiteral("Open"), QStringLiteral("state"));
-        coder.encodeObject(QString::fromLatin1(png.toBase64()), QStringLiteral("image"));
+        coder.encodeObject("hostile", "key");
+        coder.encodeObject("Open", "state");
+        coder.encodeObject(QString::fromLatin1(png.toBase64()), "image");
     }
 };
 
@@ -147,8 +101,8 @@ private slots:
             QVERIFY(warm.first()->image().isNull());
         }
 
-        const bool peakKnown = resetPeak();
-        const qint64 resident = residentBytes(), peak = peakBytes();
+        const bool peakKnown = resetPeakMemory();
+        const qint64 resident = statusKiB("VmRSS:") * 1024, peak = statusKiB("VmHWM:") * 1024;
         QVERIFY(resident > 0);
         for (int round = 0; round < 3; ++round) {
             QVERIFY(QKPNGCodec::decode(m_huge).isNull());
@@ -156,13 +110,13 @@ private slots:
             for (const QByteArray &png : {m_huge, m_bomb}) {
                 const QKFeedbackItemList items = loadItems(dir.path(), png);
                 QCOMPARE(items.size(), 1);
-                QCOMPARE(items.first()->key(), QStringLiteral("hostile"));
+                QCOMPARE(items.first()->key(), "hostile");
                 QVERIFY(items.first()->image().isNull());
             }
         }
 
-        const qint64 grown = residentBytes() - resident;
-        const qint64 peakGrown = peakKnown ? peakBytes() - peak : -1;
+        const qint64 grown = statusKiB("VmRSS:") * 1024 - resident;
+        const qint64 peakGrown = peakKnown ? statusKiB("VmHWM:") * 1024 - peak : -1;
         qInfo("resident memory grew by %lld bytes, its peak by %lld bytes", grown, peakGrown);
         if (!MemoryMeasurable)
             QSKIP("no memory figures under AddressSanitizer");

@@ -32,7 +32,7 @@ QDateTime day(int n)
     return QDateTime(QDate(2026, 1, n), QTime(12, 0), Qt::UTC);
 }
 
-// Calls an operation, checks that its completion ran exactly once before it returned.
+// What an operation's completion delivered, and how often, by the time the call returned.
 struct Result
 {
     int calls = 0;
@@ -40,38 +40,28 @@ struct Result
     std::optional<QKError> error;
 };
 
-Result list(Source &source, const QString &state, qint64 skip = 0)
+template <class Call>
+Result run(Call call)
 {
     Result r;
-    source.feedbackItemsByState(state, skip,
-                                [&](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
-                                    ++r.calls;
-                                    r.items = items;
-                                    r.error = error;
-                                });
+    call([&](auto... results) {
+        ++r.calls;
+        if constexpr (sizeof...(results) == 2)
+            std::tie(r.items, r.error) = std::tuple(results...);
+        else
+            r.error = (results, ...);
+    });
     return r;
+}
+
+Result list(Source &source, const QString &state, qint64 skip = 0)
+{
+    return run([&](auto done) { source.feedbackItemsByState(state, skip, done); });
 }
 
 Result subItems(Source &source, const QString &key)
 {
-    Result r;
-    source.subItemsForKey(key, [&](std::optional<QKFeedbackItemList> items, std::optional<QKError> error) {
-        ++r.calls;
-        r.items = items;
-        r.error = error;
-    });
-    return r;
-}
-
-template <class Call>
-Result errorOf(Call call)
-{
-    Result r;
-    call([&](std::optional<QKError> error) {
-        ++r.calls;
-        r.error = error;
-    });
-    return r;
+    return run([&](auto done) { source.subItemsForKey(key, done); });
 }
 
 QStringList texts(const std::optional<QKFeedbackItemList> &items)
@@ -100,7 +90,7 @@ private slots:
     void init()
     {
         m_dir = new QTemporaryDir;
-        QKSetDocumentsDirectory(m_dir->filePath(QStringLiteral("docs")));
+        QKSetDocumentsDirectory(m_dir->filePath("docs"));
     }
     void cleanup()
     {
@@ -117,12 +107,13 @@ private slots:
             QVERIFY(!r.error);
             QVERIFY(r.items && r.items->isEmpty());
             QVERIFY(!QFile::exists(Source::archivePath())); // listing never writes
-            QCOMPARE(errorOf([&](auto done) { source.addFeedback(makeItem("k1", "Open", day(1)), done); }).calls, 1);
+            QCOMPARE(run([&](auto done) { source.addFeedback(makeItem("k1", "Open", day(1)), done); }).calls, 1);
             QVERIFY(QFile::exists(Source::archivePath()));
-            QCOMPARE(QFileInfo(Source::archivePath()).fileName(), QStringLiteral("qkfeedback.plist"));
+            QCOMPARE(QFileInfo(Source::archivePath()).fileName(), "qkfeedback.plist");
+            source.items().first()->setText("changed later"); // saved as the source goes
         }
         Source again;
-        QCOMPARE(texts(list(again, QString()).items), QStringList{QStringLiteral("k1")});
+        QCOMPARE(texts(list(again, QString()).items), QStringList{"changed later"});
         QCOMPARE(again.items().first()->createdAt(), day(1));
     }
 
@@ -133,8 +124,8 @@ private slots:
                                  makeItem("d", "open"), makeItem("e", QString())},
                                 [](auto error) { QVERIFY(!error); });
         QCOMPARE(texts(list(source, QStringLiteral("Open")).items), (QStringList{"a", "c"}));
-        QCOMPARE(texts(list(source, QStringLiteral("Open"), 20).items), (QStringList{"a", "c"}));
-        QCOMPARE(texts(list(source, QStringLiteral("Resolved"), 1).items), (QStringList{"b"}));
+        QCOMPARE(texts(list(source, "Open", 20).items), (QStringList{"a", "c"}));
+        QCOMPARE(texts(list(source, "Resolved", 1).items), (QStringList{"b"}));
         QCOMPARE(texts(list(source, QString(), 3).items), (QStringList{"a", "b", "c", "d", "e"}));
         QCOMPARE(list(source, QStringLiteral("Closed")).items->size(), 0);
         // The two-argument form is skip 0.
@@ -143,56 +134,49 @@ private slots:
         QCOMPARE(texts(r.items), (QStringList{"a", "c"}));
     }
 
-    void editChangesFirstMatchOnly()
+    // An edit changes the first match only; a delete is confirmed and keeps the item.
+    void editAndDelete()
     {
         Source source;
         auto first = makeItem("dup", "Open", QDateTime(), "first");
         auto second = makeItem("dup", "Open", QDateTime(), "second");
         source.addFeedbackItems({first, second}, [](auto) {});
-        const Result r =
-            errorOf([&](auto done) { source.editWithKey(QStringLiteral("dup"), QStringLiteral("Resolved"), done); });
-        QCOMPARE(r.calls, 1);
-        QVERIFY(!r.error);
-        QCOMPARE(first->state(), QStringLiteral("Resolved"));
-        QCOMPARE(second->state(), QStringLiteral("Open"));
+        const Result edited =
+            run([&](auto done) { source.editWithKey(QStringLiteral("dup"), QStringLiteral("Resolved"), done); });
+        QCOMPARE(edited.calls, 1);
+        QVERIFY(!edited.error);
+        QCOMPARE(first->state(), "Resolved");
+        QCOMPARE(second->state(), "Open");
+        const Result deleted = run([&](auto done) { source.deleteWithKey(QStringLiteral("dup"), done); });
+        QCOMPARE(deleted.calls, 1);
+        QVERIFY(!deleted.error);
+        QCOMPARE(list(source, QString()).items->size(), 2);
         Source reloaded;
-        QCOMPARE(texts(list(reloaded, QStringLiteral("Resolved")).items), QStringList{QStringLiteral("first")});
-    }
-
-    void deleteConfirmsAndKeeps()
-    {
-        Source source;
-        source.addFeedback(makeItem("k", "Open"), [](auto) {});
-        const Result r = errorOf([&](auto done) { source.deleteWithKey(QStringLiteral("k"), done); });
-        QCOMPARE(r.calls, 1);
-        QVERIFY(!r.error);
-        QCOMPARE(list(source, QString()).items->size(), 1);
-        Source reloaded;
-        QCOMPARE(reloaded.items().size(), 1);
+        QCOMPARE(texts(list(reloaded, "Resolved").items), QStringList{"first"});
+        QCOMPARE(reloaded.items().size(), 2);
     }
 
     void notFoundErrors()
     {
         Source source;
-        const QKError expected{QStringLiteral("Not Found FeedbackItem"), 1, {}};
+        const QKError expected{"Not Found FeedbackItem", 1, {}};
         // An empty list, then an unknown key, an item without a key, and a null key.
-        QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QStringLiteral("x"), done); }).error, expected);
+        QCOMPARE(run([&](auto done) { source.deleteWithKey(QStringLiteral("x"), done); }).error, expected);
         source.addFeedbackItems({makeItem("k", "Open"), makeItem(QString(), "Open", QDateTime(), "keyless")},
                                 [](auto) {});
-        QCOMPARE(
-            errorOf([&](auto done) { source.editWithKey(QStringLiteral("x"), QStringLiteral("Open"), done); }).error,
-            expected);
-        QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QString(), done); }).error, expected);
-        // An item without a key does not match the empty key either.
-        QCOMPARE(errorOf([&](auto done) { source.deleteWithKey(QStringLiteral(""), done); }).error, expected);
-        QCOMPARE(errorOf([&](auto done) { source.editWithKey(QString(), QStringLiteral("Resolved"), done); }).error,
+        QCOMPARE(run([&](auto done) { source.editWithKey(QStringLiteral("x"), QStringLiteral("Open"), done); }).error,
                  expected);
-        QCOMPARE(source.items().last()->state(), QStringLiteral("Open"));
-        const Result r = subItems(source, QStringLiteral("x"));
+        QCOMPARE(run([&](auto done) { source.deleteWithKey(QString(), done); }).error, expected);
+        // An item without a key does not match the empty key either.
+        QCOMPARE(run([&](auto done) { source.deleteWithKey(QStringLiteral(""), done); }).error, expected);
+        QCOMPARE(run([&](auto done) { source.editWithKey(QString(), QStringLiteral("Resolved"), done); }).error,
+                 expected);
+        QCOMPARE(source.items().last()->state(), "Open");
+        const Result r = subItems(source, "x");
         QCOMPARE(r.calls, 1);
         QVERIFY(!r.items);
         QCOMPARE(r.error, expected);
-        QCOMPARE(Source::notFoundError().userInfo.size(), 0);
+        QCOMPARE(Source::notFoundError().userInfo().size(), 0);
         // The keyless item is still listed.
         QCOMPARE(texts(list(source, QString()).items), (QStringList{"k", "keyless"}));
     }
@@ -206,17 +190,17 @@ private slots:
             // A comment added to the stored item directly is kept by the next write.
             auto comment = makeItem(QString(), QString(), day(3), "comment");
             item->addSubItem(comment);
-            const Result r = subItems(source, QStringLiteral("k"));
+            const Result r = subItems(source, "k");
             QCOMPARE(r.calls, 1);
             QVERIFY(!r.error);
             QCOMPARE(r.items->size(), 1);
             QCOMPARE(r.items->first(), comment); // the same shared record
             QFile::remove(Source::archivePath());
-            subItems(source, QStringLiteral("k"));
+            subItems(source, "k");
             QVERIFY(QFile::exists(Source::archivePath()));
         }
         Source reloaded;
-        QCOMPARE(texts(subItems(reloaded, QStringLiteral("k")).items), QStringList{QStringLiteral("comment")});
+        QCOMPARE(texts(subItems(reloaded, QStringLiteral("k")).items), QStringList{"comment"});
     }
 
     void sortsNewestFirstOnLoad()
@@ -232,17 +216,7 @@ private slots:
         Source reloaded;
         QCOMPARE(texts(list(reloaded, QString()).items), (QStringList{"new", "mid", "old", "u1", "u2"}));
         reloaded.addFeedback(makeItem("newest", "Open", day(20)), [](auto) {});
-        QCOMPARE(texts(list(reloaded, QString()).items).last(), QStringLiteral("newest"));
-    }
-
-    void savesOnDestruction()
-    {
-        auto source = std::make_unique<Source>();
-        source->addFeedback(makeItem("k", "Open"), [](auto) {});
-        source->items().first()->setText(QStringLiteral("changed later"));
-        source.reset();
-        Source reloaded;
-        QCOMPARE(reloaded.items().first()->text(), QStringLiteral("changed later"));
+        QCOMPARE(texts(list(reloaded, QString()).items).last(), "newest");
     }
 
     void optionalOperations()
@@ -254,17 +228,16 @@ private slots:
         QVERIFY(!source.implements(Op::AddSubItemForKey));
         QVERIFY(!source.implements(Op::UserEmail));
         try {
-            source.imageForKey(QStringLiteral("k"), [](QImage, auto) { QFAIL("completion called"); });
+            source.imageForKey("k", [](QImage, auto) { QFAIL("completion called"); });
             QFAIL("no exception");
         } catch (const QKUnrecognizedSelectorException &e) {
-            QCOMPARE(e.selector(), QStringLiteral("imageForKey:completionHandler:"));
-            QVERIFY(e.reason().startsWith(QStringLiteral("-[QKLocalFeedbackSource imageForKey:completionHandler:]")));
+            QCOMPARE(e.selector(), "imageForKey:completionHandler:");
+            QVERIFY(e.reason().startsWith("-[QKLocalFeedbackSource imageForKey:completionHandler:]"));
         }
         QVERIFY_THROWS_EXCEPTION(QKUnrecognizedSelectorException,
-                                 source.addSubItemForKey(QStringLiteral("k"), makeItem("c", "Open"), [](auto) {}));
+                                 source.addSubItemForKey("k", makeItem("c", "Open"), [](auto) {}));
         QVERIFY_THROWS_EXCEPTION(QKUnrecognizedSelectorException, source.userEmail());
-        source.setUserName(QStringLiteral("Ada"));
-        QCOMPARE(source.userName(), QStringLiteral("Ada"));
+        source.setUserName("Ada");
         source.addFeedback(makeItem("k", "Open"), [](auto) {});
         QVERIFY(!fileBytes().contains("Ada")); // the name is never stored
     }
@@ -273,15 +246,13 @@ private slots:
     // the list starts empty and saving works at once. The same for a later reload.
     void damagedFileIsSetAside()
     {
-        const QRegularExpression asideName(QStringLiteral("^qkfeedback\\.plist\\.damaged-\\d{8}T\\d{6}Z(-\\d+)?$"));
+        const QRegularExpression asideName("^qkfeedback\\.plist\\.damaged-\\d{8}T\\d{6}Z(-\\d+)?$");
         const auto writeFile = [](const QByteArray &bytes) {
             QFile file(Source::archivePath());
             QVERIFY(file.open(QIODevice::WriteOnly));
             file.write(bytes);
         };
-        const auto warned = [] {
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("damaged .* moved to")));
-        };
+        const auto warned = [] { QTest::ignoreMessage(QtWarningMsg, QRegularExpression("damaged .* moved to")); };
         QDir().mkpath(QFileInfo(Source::archivePath()).path());
         QStringList seen;
         for (int round = 0; round < 2; ++round) { // the second in the same second gets its own name
@@ -311,13 +282,12 @@ private slots:
 
         // A valid archive whose root is not a list of items. A second load finding no
         // file keeps the report (the shared source loads twice).
-        QVERIFY(QKKeyedArchiver::archiveRootObject(QVariantMap{{QStringLiteral("Name"), QStringLiteral("x")}},
-                                                   Source::archivePath()));
+        QVERIFY(QKKeyedArchiver::archiveRootObject(QVariantMap{{"Name", "x"}}, Source::archivePath()));
         warned();
         Source source;
         source.loadData();
         QVERIFY(source.damagedArchive());
-        QVERIFY2(source.damagedArchive()->reason.contains(QStringLiteral("not an array of items")),
+        QVERIFY2(source.damagedArchive()->reason.contains("not an array of items"),
                  qPrintable(source.damagedArchive()->reason));
 
         // A reload that fails: the file goes aside, the list empties, and the next change is saved.
@@ -329,29 +299,6 @@ private slots:
         QVERIFY(source.damagedArchive() && QFileInfo::exists(source.damagedArchive()->movedTo));
         source.addFeedback(makeItem("k2", "Open"), [](auto) {});
         QCOMPARE(Source().items().size(), 1);
-    }
-
-    void failedWriteKeepsOldFileAndList()
-    {
-        Source source;
-        source.addFeedback(makeItem("k", "Open"), [](auto) {});
-        const QByteArray before = fileBytes();
-        // Root ignores directory permissions, so break the path instead: the documents
-        // directory becomes a file's child once it is moved aside.
-        const QString docs = QKDocumentsDirectory();
-        QFile blocker(m_dir->filePath(QStringLiteral("blocker")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
-        QKSetDocumentsDirectory(blocker.fileName() + QStringLiteral("/docs"));
-        for (int i = 0; i < 2; ++i) // each failed save says so
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("could not be saved to .*/docs/")));
-        const Result r = errorOf([&](auto done) { source.addFeedback(makeItem("k2", "Open"), done); });
-        QCOMPARE(r.calls, 1);
-        QVERIFY(!r.error); // silent, as the source promises
-        QVERIFY(!source.save());
-        QCOMPARE(source.items().size(), 2);
-        QKSetDocumentsDirectory(docs);
-        QCOMPARE(fileBytes(), before);
     }
 
     void sharedInstance()

@@ -39,6 +39,25 @@ function(expect_match step text regex)
   endif()
 endfunction()
 
+# 0. A static build of the libraries alone, when asked for.
+if(STATIC_SOURCE_DIR)
+  set(static_args -DBUILD_SHARED_LIBS=OFF -DMURMORA_BUILD_TESTS=OFF -DMURMORA_BUILD_TOOLS=OFF
+    -DMURMORA_BUILD_EXAMPLES=OFF -DMURMORA_BUILD_SERVER=OFF -DCMAKE_BUILD_TYPE=Release)
+  if(CXX_COMPILER)
+    list(APPEND static_args -DCMAKE_CXX_COMPILER=${CXX_COMPILER})
+  endif()
+  if(SANITIZE)
+    list(APPEND static_args -DMURMORA_SANITIZE=${SANITIZE})
+  endif()
+  run("static configure" ${CMAKE_COMMAND} -S ${STATIC_SOURCE_DIR} -B ${MURMORA_BUILD_DIR} -G ${GENERATOR} ${static_args})
+  run("static build" ${CMAKE_COMMAND} --build ${MURMORA_BUILD_DIR})
+  foreach(lib libMurmora.a libMurmoraData.a)
+    if(NOT EXISTS ${MURMORA_BUILD_DIR}/src/${lib})
+      message(FATAL_ERROR "the static build made no ${lib}")
+    endif()
+  endforeach()
+endif()
+
 # 1. Install.
 set(config_args)
 if(MURMORA_CONFIG)
@@ -52,7 +71,11 @@ foreach(file
     ${LIBDIR}/cmake/Murmora/MurmoraTargets.cmake
     ${LIBDIR}/pkgconfig/murmora.pc
     include/Murmora/core/QKFeedback.h
-    include/Murmora/data/QKLocalFeedbackSource.h)
+    include/Murmora/data/QKLocalFeedbackSource.h
+    include/Murmora/QKFeedback
+    include/Murmora/QKFeedbackDataSource
+    include/Murmora/base/murmora_data_export.h
+    include/Murmora/kit/murmora_export.h)
   if(NOT EXISTS ${prefix}/${file})
     message(FATAL_ERROR "not installed: ${file}")
   endif()
@@ -70,8 +93,12 @@ if(private_headers)
 endif()
 
 # Only public dependencies reach the exported link interfaces, and the config file
-# finds each of them.
+# finds each of them; a static build also names its private ones, for linking only.
 set(public_deps Qt6::Core Qt6::Gui Qt6::Network Qt6::Widgets Murmora::Data)
+if(STATIC_SOURCE_DIR)
+  list(APPEND public_deps \$<LINK_ONLY:PkgConfig::DEFLATE> \$<LINK_ONLY:PkgConfig::ISAL>
+    \$<LINK_ONLY:PkgConfig::CRYPTO> \$<LINK_ONLY:PkgConfig::ICU> \$<LINK_ONLY:Qt6::Sensors>)
+endif()
 file(READ ${prefix}/${LIBDIR}/cmake/Murmora/MurmoraTargets.cmake targets)
 string(REPLACE ";" "|" targets "${targets}")
 string(REGEX MATCHALL "INTERFACE_LINK_LIBRARIES \"[^\"]*\"" link_props "${targets}")
@@ -124,6 +151,7 @@ message(STATUS "consumer output:\n${run_output}")
 expect_match("consumer run" "${run_output}" "item: hello from the consumer")
 expect_match("consumer run" "${run_output}" "version: [0-9]+\\.[0-9]+")
 expect_match("consumer run" "${run_output}" "shared instance: yes")
+expect_match("consumer run" "${run_output}" "menu: shown")
 
 # 4. The installed tool runs from the prefix and reads what the consumer wrote.
 if(EXPECT_TOOLS)
@@ -132,14 +160,22 @@ if(EXPECT_TOOLS)
   expect_match("murmora-archive dump" "${run_output}" "hello from the consumer")
 endif()
 
-# 5. pkg-config.
+# 5. pkg-config (the shared build's: a static link needs the CMake package).
+if(STATIC_SOURCE_DIR)
+  message(STATUS "install_consumer: all checks passed (static)")
+  return()
+endif()
 run("pkg-config" ${CMAKE_COMMAND} -E env PKG_CONFIG_PATH=${prefix}/${LIBDIR}/pkgconfig
   ${PKG_CONFIG} --cflags --libs murmora)
 message(STATUS "pkg-config murmora: ${run_output}")
-foreach(flag "-lMurmora( |$)" "-lMurmoraData" "-I[^ ]*/include/Murmora( |$)" "-I[^ ]*/include( |$)" "-lQt6Widgets")
+foreach(flag "-lMurmora( |$)" "-lMurmoraData" "-I[^ ]*/include( |$)" "-lQt6Widgets")
   expect_match("pkg-config" "${run_output}" "${flag}")
 endforeach()
-string(REGEX MATCH "-I([^ ]*)/include/Murmora" _ "${run_output}")
+# The include root is the one above Murmora/, so that only <Murmora/...> names resolve.
+if(run_output MATCHES "-I[^ ]*/include/Murmora")
+  message(FATAL_ERROR "pkg-config exposes include/Murmora itself: ${run_output}")
+endif()
+string(REGEX MATCH "-I([^ ]*)/include( |$)" _ "${run_output}")
 get_filename_component(pc_include "${CMAKE_MATCH_1}/include" REALPATH)
 get_filename_component(real_include "${prefix}/include" REALPATH)
 if(NOT pc_include STREQUAL real_include)

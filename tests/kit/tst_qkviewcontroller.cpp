@@ -1,13 +1,25 @@
-// Views, controllers, presentation and navigation, driven as a person would.
+// Views, controllers, presentation, navigation, alerts and sheets, driven as a person would.
 
+#include "kit/QKActionSheet.h"
+#include "kit/QKActionSheetDelegate.h"
+#include "kit/QKAlertView.h"
 #include "kit/QKAnimation.h"
+#include "kit/QKApplication.h"
+#include "kit/QKDevice.h"
+#include "kit/QKKeyboard.h"
 #include "kit/QKNavigationBar.h"
 #include "kit/QKNavigationController.h"
+#include "kit/QKNotificationCenter.h"
+#include "kit/QKScreen.h"
 #include "kit/QKWindow.h"
+#include "support/ScreenDriver.h"
 
 #include <QApplication>
 #include <QLineEdit>
+#include <QScreen>
 #include <QtTest>
+
+using ScreenDriver::tapWindow;
 
 namespace {
 
@@ -35,13 +47,25 @@ private:
     QString m_name;
 };
 
-// Clicks whatever widget a person would hit at `point` of `widget`.
-void tap(QWidget *widget, const QPointF &point)
+class Delegate : public QKActionSheetDelegate
 {
-    QWidget *target = widget->childAt(point.toPoint());
-    if (!target)
-        target = widget;
-    QTest::mouseClick(target, Qt::LeftButton, {}, target->mapFrom(widget, point.toPoint()));
+public:
+    QList<int> clicked;
+    QList<int> dismissed;
+    void actionSheetClickedButtonAtIndex(QKActionSheet *, int index) override { clicked.append(index); }
+    void actionSheetDidDismissWithButtonIndex(QKActionSheet *, int index) override { dismissed.append(index); }
+};
+
+// A real press and release on the overlay, at a point given in window coordinates.
+void tapOverlay(QKView *overlay, const QPointF &inWindow)
+{
+    QVERIFY(overlay);
+    QTest::mouseClick(overlay, Qt::LeftButton, {}, overlay->mapFrom(overlay->window(), inWindow.toPoint()));
+}
+
+bool isGrey(QRgb pixel)
+{
+    return qRed(pixel) > 120 && qRed(pixel) < 235 && qRed(pixel) == qGreen(pixel) && qGreen(pixel) == qBlue(pixel);
 }
 
 } // namespace
@@ -71,8 +95,6 @@ private slots:
             for (const QString &line : std::as_const(m_log))
                 if (line.endsWith(suffix))
                     out.append(line.chopped(suffix.size()));
-            out.sort();
-            out.removeDuplicates();
             return out;
         };
         for (const QString &name : names(QStringLiteral(" loaded")))
@@ -117,7 +139,7 @@ private slots:
         m_window->setFrame(QRectF(0, 0, 852, 393)); // rotate
         QCOMPARE(m_log, QStringList{QStringLiteral("root layout 852x393")});
         // A tap on the root view reaches the controller with its location.
-        tap(root->view(), QPointF(40, 60));
+        tapWindow(root->view(), QPointF(40, 60));
         QCOMPARE(root->taps, QList<QPointF>{QPointF(40, 60)});
     }
 
@@ -180,10 +202,10 @@ private slots:
         QCOMPARE(bar->shownTitle(), QStringLiteral("Your feedback"));
         // Screens start below an opaque bar.
         QCOMPARE(rootScreen->view()->frame(), QRectF(0, 44, 393, 808));
-        tap(bar, bar->rectForItem(rootScreen->navigationItem()->leftBarButtonItem()).center());
+        tapWindow(bar, bar->rectForItem(rootScreen->navigationItem()->leftBarButtonItem()).center());
         QCOMPARE(backs, 1);
         rootScreen->navigationItem()->leftBarButtonItem()->setEnabled(false);
-        tap(bar, bar->rectForItem(rootScreen->navigationItem()->leftBarButtonItem()).center());
+        tapWindow(bar, bar->rectForItem(rootScreen->navigationItem()->leftBarButtonItem()).center());
         QCOMPARE(backs, 1);
 
         auto *pushed = new Probe(&m_log, QStringLiteral("b"));
@@ -200,7 +222,7 @@ private slots:
         QCOMPARE(back->title(), QStringLiteral("\u2039 Your feedback"));
         auto *second = new Probe(&m_log, QStringLiteral("c"));
         navigation->pushViewController(second, false);
-        tap(bar, bar->rectForItem(bar->leftItem()).center());
+        tapWindow(bar, bar->rectForItem(bar->leftItem()).center());
         QCOMPARE(navigation->topViewController(), pushed);
         QTRY_VERIFY(m_log.contains(QStringLiteral("c deleted")));
         QCOMPARE(navigation->popViewControllerAnimated(true), pushed);
@@ -234,7 +256,7 @@ private slots:
         root->view()->addSubview(cover);
         cover->setUserInteractionEnabled(false);
         // The tap falls through to the root view, and so to the controller.
-        tap(m_window, QPointF(50, 50));
+        tapWindow(m_window, QPointF(50, 50));
         QCOMPARE(root->taps.size(), 1);
         field->setFocus();
         QTest::keyClicks(field, QStringLiteral("abc"));
@@ -286,7 +308,221 @@ private slots:
         QVERIFY(!window->isHidden());
         QCOMPARE(window->topMostController()->view()->frame(), QRectF(0, 0, 300, 200));
     }
+    void actionSheetButtons_data()
+    {
+        QTest::addColumn<QString>("destructive");
+        QTest::addColumn<QStringList>("titles");
+        QTest::newRow("destructive") << "Delete" << QStringList{"Delete", "Copy", "Share", "Cancel"};
+        QTest::newRow("none") << QString() << QStringList{"Copy", "Share", "Cancel"};
+    }
+
+    void actionSheetButtons()
+    {
+        QFETCH(QString, destructive);
+        QFETCH(QStringList, titles);
+        const int cancel = int(titles.size()) - 1;
+        // Each tap dismisses its sheet: one sheet per button, then one for the dim.
+        for (int index = 0; index <= titles.size(); ++index) {
+            Delegate delegate;
+            auto *sheet = new QKActionSheet("Share this?", &delegate, "Cancel", destructive, {"Copy", "Share"});
+            QPointer<QKActionSheet> guard(sheet);
+            QCOMPARE(sheet->numberOfButtons(), titles.size());
+            for (int i = 0; i < titles.size(); ++i)
+                QCOMPARE(sheet->buttonTitleAtIndex(i), titles[i]);
+            QCOMPARE(sheet->cancelButtonIndex(), cancel);
+            QCOMPARE(sheet->destructiveButtonIndex(), destructive.isEmpty() ? -1 : 0);
+
+            sheet->showInView(m_window);
+            QCOMPARE(QKActionSheet::visibleSheets(), QList<QKActionSheet *>{sheet});
+            for (int i = 0; i < cancel; ++i)
+                QVERIFY(sheet->rectForButtonAtIndex(i).bottom() < sheet->rectForButtonAtIndex(cancel).top());
+            QVERIFY(m_window->rect().contains(sheet->rectForButtonAtIndex(cancel).toRect()));
+
+            const bool onDim = index == titles.size();
+            tapOverlay(sheet->view(), onDim ? QPointF(20, 20) : sheet->rectForButtonAtIndex(index).center());
+            const int expected = onDim ? cancel : index;
+            QCOMPARE(delegate.clicked, QList<int>{expected});
+            QVERIFY(QKActionSheet::visibleSheets().isEmpty());
+            QVERIFY(delegate.dismissed.isEmpty());
+            QTRY_COMPARE(delegate.dismissed, QList<int>{expected});
+            QTRY_VERIFY(guard.isNull());
+        }
+    }
+
+    void sheetGoesWithItsWindow()
+    {
+        auto *window = new QKWindow(QSizeF(320, 480));
+        window->show();
+        Delegate delegate;
+        QPointer<QKActionSheet> sheet = new QKActionSheet(QString(), &delegate, "Cancel", QString(), {"Copy"});
+        sheet->showInView(window);
+        QVERIFY(window->isAncestorOf(sheet->view()));
+        delete window;
+        QVERIFY(QKActionSheet::visibleSheets().isEmpty());
+        QTRY_VERIFY(sheet.isNull());
+        QVERIFY(delegate.dismissed.isEmpty());
+    }
+
+    void alertButtons_data()
+    {
+        QTest::addColumn<QStringList>("others");
+        QTest::newRow("side by side") << QStringList{"Send"};
+        QTest::newRow("stacked") << QStringList{"Send", "Later"};
+    }
+
+    void alertButtons()
+    {
+        QFETCH(QStringList, others);
+        for (int index = 0; index <= others.size(); ++index) {
+            auto *alert = new QKAlertView("Feedback", "Send it now?", "Cancel", others);
+            QPointer<QKAlertView> guard(alert);
+            QCOMPARE(alert->buttonTitles(), QStringList{"Cancel"} + others);
+            int handled = -1;
+            alert->setDismissHandler([&handled](int button) { handled = button; });
+            QSignalSpy dismissed(alert, &QKAlertView::dismissed);
+            alert->show();
+            QVERIFY(alert->isVisible());
+            QCOMPARE(QKAlertView::visibleAlerts(), QList<QKAlertView *>{alert});
+
+            tapOverlay(alert->view(), QPointF(20, 20));
+            QVERIFY(alert->isVisible());
+            tapOverlay(alert->view(), alert->rectForButtonAtIndex(index).center());
+            QVERIFY(QKAlertView::visibleAlerts().isEmpty());
+            QVERIFY(dismissed.wait());
+            QCOMPARE(dismissed.takeFirst().at(0).toInt(), index);
+            QCOMPARE(handled, index);
+            QTRY_VERIFY(guard.isNull());
+        }
+
+        auto *first = new QKAlertView("First", QString(), "OK");
+        auto *second = new QKAlertView("Second", QString(), QString(), {"Yes", "No"});
+        QCOMPARE(second->cancelButtonIndex(), -1);
+        first->show();
+        second->show();
+        QCOMPARE(QKAlertView::visibleAlerts(), (QList<QKAlertView *>{first, second}));
+        int handled = -1;
+        first->setDismissHandler([&handled](int button) { handled = button; });
+        first->dismissWithClickedButtonIndex(0, false);
+        QCOMPARE(handled, 0);
+        QCOMPARE(QKAlertView::visibleAlerts(), QList<QKAlertView *>{second});
+        second->dismissWithClickedButtonIndex(1, false);
+        QVERIFY(QKAlertView::visibleAlerts().isEmpty());
+    }
+
+    void keyboardNotices()
+    {
+        QKNotificationCenter *center = QKNotificationCenter::defaultCenter();
+        QStringList calls;
+        auto *first = new QObject;
+        auto *second = new QObject;
+        auto *third = new QObject;
+        const QRectF frame(0, 852, 393, 291);
+        center->addObserver(first, QKKeyboard::WillShowNotification, [&](const QKNotification &notification) {
+            QCOMPARE(notification.userInfo().value(QKKeyboard::FrameBeginUserInfoKey).toRectF(), frame);
+            calls << "first";
+        });
+        bool dropThird = false;
+        center->addObserver(second, QKKeyboard::WillShowNotification, [&](const QKNotification &) {
+            calls << "second";
+            if (dropThird)
+                delete third;
+        });
+        center->addObserver(second, QKKeyboard::WillHideNotification, [&](const QKNotification &) { calls << "hide"; });
+        center->addObserver(third, QKKeyboard::WillShowNotification, [&](const QKNotification &) { calls << "third"; });
+
+        const QVariantMap info{{QKKeyboard::FrameBeginUserInfoKey, frame}};
+        center->postNotification(QKKeyboard::WillShowNotification, info);
+        QCOMPARE(calls, (QStringList{"first", "second", "third"}));
+
+        calls.clear();
+        delete first;
+        // An observer destroyed by an earlier one in the same post is not called.
+        dropThird = true;
+        center->postNotification(QKKeyboard::WillShowNotification, info);
+        QCOMPARE(calls, QStringList{"second"});
+
+        calls.clear();
+        center->removeObserver(second, QKKeyboard::WillShowNotification);
+        center->postNotification(QKKeyboard::WillShowNotification, info);
+        center->postNotification(QKKeyboard::WillHideNotification, info);
+        QCOMPARE(calls, QStringList{"hide"});
+        center->removeObserver(second);
+        center->postNotification(QKKeyboard::WillHideNotification, info);
+        QCOMPARE(calls, QStringList{"hide"});
+        delete second;
+    }
+
+    void deviceAndScreen()
+    {
+        QKDevice *device = QKDevice::currentDevice();
+        QScreen *screen = QGuiApplication::primaryScreen();
+        int posted = 0;
+        QObject observer;
+        QKNotificationCenter::defaultCenter()->addObserver(&observer, QKDevice::OrientationDidChangeNotification,
+                                                           [&posted](const QKNotification &) { ++posted; });
+        auto turn = [screen] { emit screen->orientationChanged(Qt::InvertedPortraitOrientation); };
+
+        turn();
+        QCOMPARE(posted, 0);
+        device->beginGeneratingDeviceOrientationNotifications();
+        device->beginGeneratingDeviceOrientationNotifications();
+        turn();
+        device->endGeneratingDeviceOrientationNotifications();
+        turn();
+        QCOMPARE(posted, 2);
+        device->endGeneratingDeviceOrientationNotifications();
+        QVERIFY(!device->isGeneratingDeviceOrientationNotifications());
+        turn();
+        QCOMPARE(posted, 2);
+        // An unbalanced end must not swallow the next begin.
+        device->endGeneratingDeviceOrientationNotifications();
+        device->beginGeneratingDeviceOrientationNotifications();
+        turn();
+        QCOMPARE(posted, 3);
+        device->endGeneratingDeviceOrientationNotifications();
+        // The offscreen screen is wider than tall: the device lies on its left side, the interface turns right.
+        QCOMPARE(device->orientation(), QKDevice::OrientationLandscapeLeft);
+        QCOMPARE(QKApplication::sharedApplication()->statusBarOrientation(),
+                 QKApplication::InterfaceOrientationLandscapeRight);
+        QCOMPARE(QKApplication::sharedApplication()->keyWindow(), m_window);
+        QCOMPARE(QKScreen::mainScreen()->bounds(), QRectF(QPointF(0, 0), QSizeF(screen->size())));
+        QCOMPARE(QKScreen::mainScreen()->scale(), 3.0);
+    }
+
+    void pictures()
+    {
+        QKAnimation::setAnimationsEnabled(false);
+        auto *alert = new QKAlertView("Send Feedback?",
+                                      "Your message and a screenshot of this screen go to the developers of the app.",
+                                      "Cancel", {"Send"});
+        alert->show();
+        QImage image = m_window->snapshot();
+        // Dimmed around the card, white on it.
+        QVERIFY(isGrey(image.pixel(30, 30)));
+        const QPointF card = alert->rectForButtonAtIndex(0).topLeft() + QPointF(10, -10);
+        QCOMPARE(image.pixel((card * 3).toPoint()), qRgb(255, 255, 255));
+        QVERIFY(image.save(MURMORA_TEST_OUTPUT "/tst_qkalerts-alert.png"));
+        alert->dismissWithClickedButtonIndex(0, false);
+
+        auto *sheet = new QKActionSheet("What would you like to do?", nullptr, "Cancel", "Delete Feedback",
+                                        {"Add a Screenshot", "Edit Message"});
+        sheet->showInView(m_window);
+        image = m_window->snapshot();
+        QVERIFY(isGrey(image.pixel(30, 30)));
+        QCOMPARE(image.pixel((sheet->rectForButtonAtIndex(3).topLeft() * 3).toPoint() + QPoint(60, 60)),
+                 qRgb(255, 255, 255));
+        QVERIFY(image.save(MURMORA_TEST_OUTPUT "/tst_qkalerts-sheet.png"));
+        sheet->dismissWithClickedButtonIndex(sheet->cancelButtonIndex(), false);
+        QKAnimation::setAnimationsEnabled(true);
+    }
 };
 
-QTEST_MAIN(TestViewController)
+int main(int argc, char **argv)
+{
+    // Pictures at the phone's pixel ratio.
+    qputenv("QT_SCALE_FACTOR", "3");
+    QApplication app(argc, argv);
+    TestViewController test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_qkviewcontroller.moc"

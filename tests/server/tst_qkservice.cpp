@@ -25,10 +25,9 @@ namespace {
 
 QByteArray itemBody(const QByteArray &png = {}, const QByteArray &uid = "dev-a")
 {
-    QJsonObject body{{QStringLiteral("Text"), QStringLiteral("t")}, {QStringLiteral("Uid"), QString::fromUtf8(uid)}};
+    QJsonObject body{{"Text", "t"}, {"Uid", QString::fromUtf8(uid)}};
     if (!png.isNull())
-        body.insert(QStringLiteral("Image"),
-                    QJsonObject{{QStringLiteral("base64"), QString::fromLatin1(png.toBase64())}});
+        body.insert("Image", QJsonObject{{"base64", QString::fromLatin1(png.toBase64())}});
     return QJsonDocument(body).toJson(QJsonDocument::Compact);
 }
 
@@ -54,13 +53,10 @@ class tst_QKService : public QObject
         return readReply(*socket);
     }
 
+    static QString threads(const QString &key) { return QLatin1Char('/') + key + "/threads"; }
     QString post(const QString &key, const QByteArray &body)
     {
-        return call("POST", QLatin1Char('/') + key + QStringLiteral("/threads"), {}, body)
-            .json()
-            .toObject()
-            .value(QStringLiteral("Id"))
-            .toString();
+        return call("POST", threads(key), {}, body).json()["Id"].toString();
     }
 
 private slots:
@@ -68,9 +64,9 @@ private slots:
     {
         QKServiceOptions options;
         options.dataDirectory = m_dir.path();
-        options.listen = QStringLiteral("127.0.0.1:0");
-        options.certificateFile = FakeService::certsDirectory() + QStringLiteral("/server.pem");
-        options.keyFile = FakeService::certsDirectory() + QStringLiteral("/server.key");
+        options.listen = "127.0.0.1:0";
+        options.certificateFile = FakeService::certsDirectory() + "/server.pem";
+        options.keyFile = FakeService::certsDirectory() + "/server.key";
         options.logRequests = false;
         options.http.maxBodyBytes = 256 * 1024;
         options.http.bodyBudgetBytes = 300 * 1024;
@@ -167,9 +163,9 @@ private slots:
             return text.replace("\"A\"", "\"" + m_itemA.toUtf8() + "\"")
                 .replace("\"B\"", "\"" + m_itemB.toUtf8() + "\"");
         };
-        path.replace(QStringLiteral("/A/threads/A"), QStringLiteral("/A/threads/") + m_itemA)
-            .replace(QStringLiteral("/A/threads/B"), QStringLiteral("/A/threads/") + m_itemB)
-            .replace(QStringLiteral("/A/"), QLatin1Char('/') + m_keyA + QLatin1Char('/'));
+        path.replace("/A/threads/A", "/A/threads/" + m_itemA)
+            .replace("/A/threads/B", "/A/threads/" + m_itemB)
+            .replace("/A/", QLatin1Char('/') + m_keyA + QLatin1Char('/'));
         for (QByteArray &h : headers)
             h = fill(h);
         const Reply reply = call(method, path, headers, body);
@@ -186,17 +182,14 @@ private slots:
     // Nothing the refusals tried changed the other application's item.
     void othersUntouched()
     {
-        const Reply reply =
-            call("GET", QLatin1Char('/') + m_keyB + QStringLiteral("/threads"), {"x-filter-meta: {\"Uid\":\"dev-b\"}"});
+        const Reply reply = call("GET", threads(m_keyB), {"x-filter-meta: {\"Uid\":\"dev-b\"}"});
         const QJsonArray items = reply.json().toArray();
         QCOMPARE(items.size(), 1);
         QCOMPARE(items[0].toObject().value(QStringLiteral("Id")).toString(), m_itemB);
-        QCOMPARE(items[0].toObject().value(QStringLiteral("State")).toString(), QStringLiteral("Open"));
-        const Reply own =
-            call("GET", QLatin1Char('/') + m_keyA + QStringLiteral("/threads"), {"x-filter-meta: {\"Uid\":\"dev-a\"}"});
+        QCOMPARE(items[0].toObject().value(QStringLiteral("State")).toString(), "Open");
+        const Reply own = call("GET", threads(m_keyA), {"x-filter-meta: {\"Uid\":\"dev-a\"}"});
         QCOMPARE(own.json().toArray().size(), 1);
-        const Reply image =
-            call("GET", QUrl(own.json()[0][QStringLiteral("Image")][QStringLiteral("Uri")].toString()).path().mid(16));
+        const Reply image = call("GET", QUrl(own.json()[0]["Image"]["Uri"].toString()).path().mid(16));
         QCOMPARE(image.status, 200);
         QCOMPARE(image.body, pngHeader(2, 2));
         QVERIFY(image.head.contains("Content-Type: image/png"));
@@ -206,8 +199,7 @@ private slots:
     void limits()
     {
         const QByteArray target = "/feedback/api/v1/" + m_keyA.toUtf8() + "/threads";
-        const Reply headers = call("GET", QLatin1Char('/') + m_keyA + QStringLiteral("/threads"),
-                                   {"x-filler: " + QByteArray(20000, 'x')});
+        const Reply headers = call("GET", threads(m_keyA), {"x-filler: " + QByteArray(20000, 'x')});
         QCOMPARE(headers.status, 431);
         QCOMPARE(headers.code(), 4310);
 
@@ -226,10 +218,8 @@ private slots:
         first->write("POST " + target + " HTTP/1.1\r\nHost: x\r\nContent-Length: 200000\r\n\r\n");
         QVERIFY(first->waitForBytesWritten(2000));
         Reply busy;
-        QTRY_VERIFY_WITH_TIMEOUT(
-            (busy = call("POST", QLatin1Char('/') + m_keyA + QStringLiteral("/threads"), {}, QByteArray(200000, ' ')))
-                    .status == 503,
-            5000);
+        QTRY_VERIFY_WITH_TIMEOUT((busy = call("POST", threads(m_keyA), {}, QByteArray(200000, ' '))).status == 503,
+                                 5000);
         QCOMPARE(busy.code(), 5030);
         QVERIFY(busy.head.contains("Retry-After: 1"));
 
@@ -280,14 +270,14 @@ private slots:
                 stored = true;
             };
         }
-        QKPlatformFeedbackSource source(m_keyA, QStringLiteral("dev-resend"),
+        QKPlatformFeedbackSource source(m_keyA, "dev-resend",
                                         QStringLiteral("https://127.0.0.1:%1/feedback/api/v1").arg(proxy.serverPort()),
                                         QVariantMap());
         auto session = QSharedPointer<QKURLSession>::create();
         session->addCaCertificates(FakeService::caCertificates());
         source.setSession(session);
         auto item = QKFeedbackItemPtr::create();
-        item->setText(QStringLiteral("sent once"));
+        item->setText("sent once");
         Outcome outcome;
         source.addFeedback(item, outcome.error_());
         QTRY_VERIFY_WITH_TIMEOUT(outcome.done(), 20000);
@@ -295,13 +285,10 @@ private slots:
             std::lock_guard lock(m_observeMutex);
             m_observe = nullptr;
         }
-        QVERIFY2(
-            !outcome.error,
-            qPrintable(outcome.error ? outcome.error->userInfo.value(QStringLiteral("error")).toString() : QString()));
+        QVERIFY2(!outcome.error, qPrintable(describe(outcome.error)));
         QCOMPARE(keys.size(), 2);
         QCOMPARE(keys[0], keys[1]);
-        const Reply listed = call("GET", QLatin1Char('/') + m_keyA + QStringLiteral("/threads"),
-                                  {"x-filter-meta: {\"Uid\":\"dev-resend\"}"});
+        const Reply listed = call("GET", threads(m_keyA), {"x-filter-meta: {\"Uid\":\"dev-resend\"}"});
         QCOMPARE(listed.json().toArray().size(), 1);
     }
 

@@ -88,51 +88,44 @@ inline QString toXml(plist_t node)
     return text;
 }
 
-// A raw "bplist00" file from encoded objects, one-byte references and offsets
-// unless the objects need more; the trailer can be patched afterwards.
-class RawBinaryPlist
+// Raw binary property list objects, and a "bplist00" file of them with one-byte
+// references and offsets (two-byte offsets past 255 bytes), top object `top`.
+inline QByteArray ascii(const QByteArray &text)
 {
-public:
-    int add(const QByteArray &encoded)
-    {
-        m_objects.append(encoded);
-        return int(m_objects.size() - 1);
-    }
-    static QByteArray ascii(const QByteArray &text) { return char(0x50 | text.size()) + text; }
-    static QByteArray arrayOf(const QList<int> &refs)
-    {
-        QByteArray encoded(1, char(0xA0 | refs.size()));
-        for (int ref : refs)
-            encoded.append(char(ref));
-        return encoded;
-    }
-    QByteArray build(int top = 0) const
-    {
-        QByteArray out("bplist00");
-        QList<qsizetype> offsets;
-        for (const QByteArray &object : m_objects) {
-            offsets.append(out.size());
-            out.append(object);
-        }
-        const qsizetype tableAt = out.size();
-        const int offsetSize = tableAt > 255 ? 2 : 1;
-        for (qsizetype offset : offsets) {
-            if (offsetSize == 2)
-                out.append(char(offset >> 8));
-            out.append(char(offset & 0xFF));
-        }
-        QByteArray trailer(32, '\0');
-        trailer[6] = char(offsetSize);
-        trailer[7] = 1;
-        trailer[15] = char(m_objects.size());
-        trailer[23] = char(top);
-        trailer[30] = char(tableAt >> 8);
-        trailer[31] = char(tableAt & 0xFF);
-        return out + trailer;
-    }
+    return char(0x50 | text.size()) + text;
+}
 
-private:
-    QList<QByteArray> m_objects;
-};
+inline QByteArray arrayOf(const QList<int> &refs)
+{
+    QByteArray encoded(1, char(0xA0 | refs.size()));
+    for (int ref : refs)
+        encoded.append(char(ref));
+    return encoded;
+}
+
+inline QByteArray rawBinary(const QList<QByteArray> &objects, int top = 0)
+{
+    QByteArray out("bplist00");
+    QList<qsizetype> offsets;
+    for (const QByteArray &object : objects) {
+        offsets.append(out.size());
+        out.append(object);
+    }
+    const qsizetype tableAt = out.size();
+    const int offsetSize = tableAt > 255 ? 2 : 1;
+    for (qsizetype offset : offsets) {
+        if (offsetSize == 2)
+            out.append(char(offset >> 8));
+        out.append(char(offset & 0xFF));
+    }
+    QByteArray trailer(32, '\0');
+    trailer[6] = char(offsetSize);
+    trailer[7] = 1;
+    trailer[15] = char(objects.size());
+    trailer[23] = char(top);
+    trailer[30] = char(tableAt >> 8);
+    trailer[31] = char(tableAt & 0xFF);
+    return out + trailer;
+}
 
 } // namespace PlistBuilder

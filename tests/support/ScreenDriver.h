@@ -12,8 +12,8 @@
 
 namespace ScreenDriver {
 
-// Clicks whatever widget is at `point` (window coordinates), as a tap would.
-inline void tapWindow(QKWindow *window, const QPointF &point)
+// Clicks whatever widget is at `point` (coordinates of `window`, or of any widget), as a tap would.
+inline void tapWindow(QWidget *window, const QPointF &point)
 {
     QWidget *target = window->childAt(point.toPoint());
     if (!target)

@@ -2,11 +2,13 @@
 
 // A blocking HTTPS client for the service's tests: raw requests, so that a test says
 // exactly what goes on the wire, and answers read whole or up to the connection's end.
+// Also PNG chunks made by hand, and the process's memory figures for tests of bombs.
 
 #include "support/FakeService.h"
 
 #include <QDataStream>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -97,4 +99,22 @@ inline QByteArray pngHeader(quint32 width, quint32 height)
     QDataStream s(&ihdr, QIODevice::WriteOnly);
     s << width << height << quint8(8) << quint8(2) << quint8(0) << quint8(0) << quint8(0);
     return QByteArray("\x89PNG\r\n\x1a\n", 8) + chunk("IHDR", ihdr) + chunk("IEND", {});
+}
+
+// A figure of /proc/self/status in KiB: "VmRSS:" now, "VmHWM:" the peak since resetPeakMemory().
+inline qint64 statusKiB(const char *field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : status.readAll().split('\n'))
+        if (line.startsWith(field))
+            return line.mid(qstrlen(field)).trimmed().split(' ').value(0).toLongLong();
+    return -1;
+}
+
+inline bool resetPeakMemory()
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    return clear.open(QIODevice::WriteOnly) && clear.write("5") == 1;
 }

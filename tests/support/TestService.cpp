@@ -5,15 +5,11 @@
 #include <QDateTime>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QMutexLocker>
 
 TestService::TestService(const QString &databaseUrl) : m_databaseUrl(databaseUrl)
 {}
 
-TestService::~TestService()
-{
-    stop();
-}
+TestService::~TestService() = default;
 
 bool TestService::start()
 {
@@ -25,18 +21,12 @@ bool TestService::start()
     options.keyFile = FakeService::certsDirectory() + QStringLiteral("/server.key");
     options.logRequests = false;
     options.observer = [this](const QKServiceRequest &request) {
-        RecordedRequest r;
-        r.method = request.method;
-        r.target = request.target;
-        r.headers = request.headers;
-        r.body = request.body;
-        QMutexLocker lock(&m_mutex);
-        m_requests.append(r);
+        record({request.method, request.target, request.headers, request.body});
     };
     m_service = std::make_unique<QKService>(options);
     try {
         m_service->start();
-        m_apiKey = addApplication(QStringLiteral("test"));
+        m_apiKey = store()->addApp(QStringLiteral("test")).key;
         m_appId = store()->appByKey(m_apiKey)->id;
     } catch (const std::exception &error) {
         qWarning("TestService: %s", error.what());
@@ -46,24 +36,9 @@ bool TestService::start()
     return true;
 }
 
-void TestService::stop()
-{
-    m_service.reset();
-}
-
-QString TestService::addApplication(const QString &name)
-{
-    return m_service->store()->addApp(name).key;
-}
-
 QString TestService::baseUrl() const
 {
     return m_service->baseUrl();
-}
-
-QString TestService::origin() const
-{
-    return QStringLiteral("https://127.0.0.1:%1").arg(m_service->port());
 }
 
 QKServiceStore *TestService::store() const
@@ -117,16 +92,4 @@ QList<QKServiceThread> TestService::threads(const QByteArray &filter) const
 QString TestService::message(QKServiceRefusal refusal)
 {
     return QJsonDocument::fromJson(QKServiceRoutes::refusal(refusal).body)[QLatin1String("message")].toString();
-}
-
-QList<RecordedRequest> TestService::requests() const
-{
-    QMutexLocker lock(&m_mutex);
-    return m_requests;
-}
-
-void TestService::clearRequests()
-{
-    QMutexLocker lock(&m_mutex);
-    m_requests.clear();
 }

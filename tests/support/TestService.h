@@ -10,14 +10,13 @@
 #include "QKServiceRoutes.h"
 #include "QKServiceStore.h"
 
-#include <QMutex>
 #include <QTemporaryDir>
 
 #include <memory>
 
 class QKService;
 
-class TestService
+class TestService : public RequestLog
 {
 public:
     explicit TestService(const QString &databaseUrl = {});
@@ -25,13 +24,9 @@ public:
 
     // False (with a warning) when the service cannot start.
     bool start();
-    void stop();
     QString baseUrl() const;
-    QString origin() const;
     // The key of the application made at start.
     QString apiKey() const { return m_apiKey; }
-    QString addApplication(const QString &name);
-    QKServiceStore *store() const;
     // An item of device `uid` as the service stores it, created at `createdAt` (0: now),
     // with `png` as its screenshot; returns its id.
     QString addThread(const QString &uid, const QString &text, const QString &state = QStringLiteral("Open"),
@@ -44,15 +39,12 @@ public:
     // The text the service answers a refusal with, which the app shows.
     static QString message(QKServiceRefusal refusal);
 
-    QList<RecordedRequest> requests() const;
-    void clearRequests();
-
 private:
+    QKServiceStore *store() const;
+
     QTemporaryDir m_dir;
     QString m_databaseUrl;
     std::unique_ptr<QKService> m_service;
     QString m_apiKey;
     qint64 m_appId = 0;
-    mutable QMutex m_mutex;
-    QList<RecordedRequest> m_requests;
 };

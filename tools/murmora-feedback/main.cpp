@@ -48,8 +48,8 @@ void finish(std::function<int()> report)
 
 int reportError(const QKError &error)
 {
-    std::fprintf(stderr, "murmora-feedback: %s (%lld): %s\n", error.domain.toLocal8Bit().constData(),
-                 static_cast<long long>(error.code), error.message().toLocal8Bit().constData());
+    std::fprintf(stderr, "murmora-feedback: %s (%lld): %s\n", error.domain().toLocal8Bit().constData(),
+                 static_cast<long long>(error.code()), error.message().toLocal8Bit().constData());
     return 1;
 }
 

@@ -1,13 +1,17 @@
-// Both include styles an installed package offers.
-#include <Murmora/core/QKFeedback.h>
-#include <Murmora/core/WendaxMurmora.h>
-#include "base/QKDocumentsDirectory.h"
-#include "data/QKLocalFeedbackSource.h"
+// A host that includes only the stable headers, through their forwarding names.
+#include <Murmora/QKDocumentsDirectory>
+#include <Murmora/QKFeedback>
+#include <Murmora/QKLocalFeedbackSource>
+#include <Murmora/WendaxMurmora>
 
+#include <QAction>
 #include <QApplication>
+#include <QMainWindow>
+#include <QMenuBar>
 #include <QDir>
 #include <QTemporaryDir>
 #include <QTextStream>
+#include <QTimer>
 
 int main(int argc, char **argv)
 {
@@ -33,14 +37,30 @@ int main(int argc, char **argv)
             return 3;
     }
 
+    // Read back through the form that completes on a context's thread, from its event loop.
     QKLocalFeedbackSource reread;
     QString text;
-    reread.feedbackItems([&](std::optional<QKFeedbackItemList> items, std::optional<QKError>) {
-        if (items && items->size() == 1)
-            text = items->first()->text();
-    });
+    reread.feedbackItemsByState(QString(), 0, &app,
+                                [&](std::optional<QKFeedbackItemList> items, std::optional<QKError>) {
+                                    if (items && items->size() == 1)
+                                        text = items->first()->text();
+                                    app.quit();
+                                });
+    QTimer::singleShot(10000, &app, &QCoreApplication::quit);
+    app.exec();
+    // The README's three lines, on a QMainWindow.
+    QMainWindow mainWindow;
+    mainWindow.resize(400, 700);
+    mainWindow.show();
+    QKFeedback::setDataSource(QKLocalFeedbackSource::sharedItems());
+    QAction *feedback = mainWindow.menuBar()->addAction(QObject::tr("Send feedback…"));
+    QObject::connect(feedback, &QAction::triggered, [] { QKFeedback::showFeedback(); });
+    feedback->trigger();
+    const bool shown = QKFeedback::feedbackIsShown();
+
     out << "item: " << text << Qt::endl;
+    out << "menu: " << (shown ? "shown" : "not shown") << Qt::endl;
     out << "version: " << WendaxMurmora::versionString() << Qt::endl;
     out << "shared instance: " << (QKFeedback::sharedInstance() ? "yes" : "no") << Qt::endl;
-    return text == QStringLiteral("hello from the consumer") && QKFeedback::sharedInstance() ? 0 : 1;
+    return text == QStringLiteral("hello from the consumer") && shown ? 0 : 1;
 }
