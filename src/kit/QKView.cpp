@@ -7,7 +7,6 @@
 #include <QGraphicsOpacityEffect>
 #include <QMouseEvent>
 #include <QPainter>
-#include <QPointer>
 #include <QScreen>
 
 namespace {
@@ -35,25 +34,12 @@ public:
     }
 };
 
-// The filter sits on the application only while some view has its interaction off,
-// which happens only inside Murmora's own screens: a host's windows never pass through
-// it otherwise. Main thread only, as views are.
-int blockedViews = 0;
-QPointer<InteractionFilter> interactionFilter;
-
-void viewBlocked()
+// One filter for every widget of Murmora's views and what is put inside them; a
+// host's own widgets never pass through it. Main thread only, as views are.
+InteractionFilter *interactionFilter()
 {
-    if (blockedViews++ == 0 && qApp && !interactionFilter) {
-        interactionFilter = new InteractionFilter;
-        interactionFilter->setParent(qApp);
-        qApp->installEventFilter(interactionFilter);
-    }
-}
-
-void viewUnblocked()
-{
-    if (--blockedViews == 0)
-        delete interactionFilter; // removes itself from the application
+    static auto *filter = new InteractionFilter;
+    return filter;
 }
 
 QRect shown(const QRectF &frame)
@@ -93,14 +79,11 @@ void distribute(double delta, bool flexA, double a, bool flexB, double b, bool f
 QKView::QKView(const QRectF &frame, QWidget *parent) : QWidget(parent), m_frame(frame)
 {
     setAttribute(Qt::WA_NoSystemBackground);
+    installEventFilter(interactionFilter());
     applyGeometry(m_frame);
 }
 
-QKView::~QKView()
-{
-    if (!m_userInteraction)
-        viewUnblocked();
-}
+QKView::~QKView() = default;
 
 void QKView::applyGeometry(const QRectF &displayed)
 {
@@ -181,7 +164,6 @@ void QKView::setUserInteractionEnabled(bool enabled)
     if (m_userInteraction == enabled)
         return;
     m_userInteraction = enabled;
-    enabled ? viewUnblocked() : viewBlocked();
     applyInteraction();
     // The focus stays: a field keeps editing while its screen is switched off (during a
     // send, say), as on the platform. Keys stop at this view (InteractionFilter).
@@ -405,10 +387,13 @@ void QKView::mouseReleaseEvent(QMouseEvent *event)
 bool QKView::event(QEvent *event)
 {
     if (event->type() == QEvent::ChildAdded) {
-        // Widgets put inside a view whose interaction is off are off too.
-        if (auto *child = qobject_cast<QWidget *>(static_cast<QChildEvent *>(event)->child()))
+        // Widgets put inside a view whose interaction is off are off too, and keys
+        // that reach them pass the filter.
+        if (auto *child = qobject_cast<QWidget *>(static_cast<QChildEvent *>(event)->child())) {
+            child->installEventFilter(interactionFilter());
             if (interactionBlocked())
                 applyTransparency(child, true);
+        }
     }
     return QWidget::event(event);
 }
