@@ -5,7 +5,7 @@ find_program(MURMORA_DOXYGEN doxygen)
 
 list(TRANSFORM MURMORA_STABLE_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/src/ OUTPUT_VARIABLE _murmora_stable)
 set(_murmora_toolkit)
-foreach(dir base data kit annotation screens core)
+foreach(dir base data models kit annotation screens core)
   file(GLOB _headers ${PROJECT_SOURCE_DIR}/src/${dir}/*.h)
   foreach(header ${_headers})
     if(NOT header MATCHES "_p\\.h$" AND NOT header IN_LIST _murmora_stable)
