@@ -109,6 +109,7 @@ foreach(prop IN LISTS link_props)
   string(REGEX REPLACE "^INTERFACE_LINK_LIBRARIES \"(.*)\"$" "\\1" deps "${prop}")
   string(REPLACE "|" ";" deps "${deps}")
   foreach(dep IN LISTS deps)
+    string(REPLACE "\\" "" dep "${dep}") # the file escapes the generator expressions' $
     if(NOT dep IN_LIST public_deps)
       message(FATAL_ERROR "unexpected dependency in the exported targets: ${dep}")
     endif()
