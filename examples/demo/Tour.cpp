@@ -203,7 +203,7 @@ QKFeedbackItemDetailsViewController *Tour::openNewest(bool pictures)
     QKFeedbackYourItemsViewController *list = nullptr;
     const bool listed = waitFor([&] {
         list = topScreen<QKFeedbackYourItemsViewController>();
-        return list && !list->itemsTableView()->isHidden();
+        return list && !list->itemsTableView()->isViewHidden();
     });
     if (!listed || pictures)
         step("your-feedback", listed);
@@ -214,7 +214,7 @@ QKFeedbackItemDetailsViewController *Tour::openNewest(bool pictures)
     QKFeedbackItemDetailsViewController *details = nullptr;
     const bool shown = waitFor([&] {
         details = topScreen<QKFeedbackItemDetailsViewController>();
-        return details && !details->feedbackTableView()->isHidden();
+        return details && !details->feedbackTableView()->isViewHidden();
     });
     if (!shown || pictures)
         step("details", shown);

@@ -341,8 +341,8 @@ void QKFeedback::send(QKViewController *sender)
 void QKFeedback::settingsViewControllerInit(QKFeedbackSettingsViewController *screen)
 {
     screen->nameTextField()->setText(d->flow.savedName());
-    screen->sendAnonymousButton()->setHidden(!d->flow.showsNameButtons());
-    screen->continueButton()->setHidden(!d->flow.showsNameButtons());
+    screen->sendAnonymousButton()->setViewHidden(!d->flow.showsNameButtons());
+    screen->continueButton()->setViewHidden(!d->flow.showsNameButtons());
 }
 
 void QKFeedback::settingsViewController(QKFeedbackSettingsViewController *screen, QKFeedbackSendFlow::NameAction action)

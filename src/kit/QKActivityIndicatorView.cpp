@@ -24,7 +24,7 @@ QKActivityIndicatorView::QKActivityIndicatorView(Style style, QWidget *parent)
         update();
     });
     setFrame(QRectF(QPointF(0, 0), sizeThatFits(QSizeF())));
-    setHidden(true);
+    setViewHidden(true);
 }
 
 QKActivityIndicatorView::~QKActivityIndicatorView() = default;
@@ -48,8 +48,8 @@ void QKActivityIndicatorView::setColor(const QColor &color)
 void QKActivityIndicatorView::startAnimating()
 {
     m_animating = true;
-    if (isHidden())
-        setHidden(false);
+    if (isViewHidden())
+        setViewHidden(false);
     updateTimer();
 }
 
@@ -57,7 +57,7 @@ void QKActivityIndicatorView::stopAnimating()
 {
     m_animating = false;
     if (m_hidesWhenStopped)
-        setHidden(true);
+        setViewHidden(true);
     updateTimer();
     update();
 }
@@ -66,7 +66,7 @@ void QKActivityIndicatorView::setHidesWhenStopped(bool hides)
 {
     m_hidesWhenStopped = hides;
     if (hides && !m_animating)
-        setHidden(true);
+        setViewHidden(true);
 }
 
 void QKActivityIndicatorView::updateTimer()

@@ -89,7 +89,7 @@ void QKNavigationController::showTop()
     if (content->superview() != view())
         view()->addSubview(content);
     top->prepareViewForDisplay(contentFrame());
-    content->setHidden(false);
+    content->setViewHidden(false);
     view()->bringSubviewToFront(m_bar);
     // The bar follows the title of whichever controller is on top.
     disconnect(m_titleConnection);
@@ -117,7 +117,7 @@ void QKNavigationController::pushViewController(QKViewController *controller, bo
     const QRectF frame = contentFrame();
     if (!animated) {
         if (outgoing)
-            outgoing->setHidden(true);
+            outgoing->setViewHidden(true);
         return;
     }
     incoming->setFrame(frame.translated(frame.width(), 0));
@@ -132,7 +132,7 @@ void QKNavigationController::pushViewController(QKViewController *controller, bo
             // Popped back before the push ended: the screen is on top again and stays shown.
             QKViewController *top = self ? self->topViewController() : nullptr;
             if (covered && !(top && top->isViewLoaded() && top->view() == covered)) {
-                covered->setHidden(true);
+                covered->setViewHidden(true);
                 covered->setFrame(frame);
             }
         });
@@ -161,7 +161,7 @@ QKViewController *QKNavigationController::popViewControllerAnimated(bool animate
     const QRectF frame = contentFrame();
     if (!animated || !leaving) {
         if (leaving)
-            leaving->setHidden(true);
+            leaving->setViewHidden(true);
         QTimer::singleShot(0, finish);
         return popped;
     }

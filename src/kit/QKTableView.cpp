@@ -51,7 +51,7 @@ QKTableViewCell *QKTableView::dequeueReusableCell(const QString &reuseIdentifier
     if (!cell)
         return nullptr;
     cell->m_reuseIdentifier = reuseIdentifier;
-    cell->setHidden(true);
+    cell->setViewHidden(true);
     addSubview(cell);
     return cell;
 }
@@ -321,7 +321,7 @@ void QKTableView::layoutRows()
                                     path.row() < m_sections[path.section()].rowCount - 1);
             cell->setFrame(rowRect(flat));
             if (fresh) {
-                cell->setHidden(false);
+                cell->setViewHidden(false);
                 if (m_delegate)
                     m_delegate->willDisplayCell(this, cell, path);
             }
@@ -365,7 +365,7 @@ void QKTableView::placeHeaders(const QRectF &area)
 
 void QKTableView::enqueue(QKTableViewCell *cell)
 {
-    cell->setHidden(true);
+    cell->setViewHidden(true);
     m_pool[cell->reuseIdentifier()].append(cell);
 }
 

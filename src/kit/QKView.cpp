@@ -130,7 +130,7 @@ void QKView::setCenter(const QPointF &center)
         QRectF(center.x() - m_frame.width() / 2, center.y() - m_frame.height() / 2, m_frame.width(), m_frame.height()));
 }
 
-void QKView::setHidden(bool hidden)
+void QKView::setViewHidden(bool hidden)
 {
     m_hidden = hidden;
     // A view not yet in a superview would otherwise open as a window of its own.

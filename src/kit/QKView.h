@@ -45,8 +45,11 @@ public:
     QPointF center() const { return m_frame.center(); }
     void setCenter(const QPointF &center);
 
-    bool isHidden() const { return m_hidden; }
-    void setHidden(bool hidden);
+    /// The view's own hidden flag. Unlike QWidget::isHidden(), it holds while the view
+    /// has no superview, and is applied when it gets one (a parentless widget shown
+    /// would open as a window of its own).
+    bool isViewHidden() const { return m_hidden; }
+    void setViewHidden(bool hidden);
 
     /// Transparent (the default) paints nothing.
     QColor backgroundColor() const { return m_backgroundColor; }

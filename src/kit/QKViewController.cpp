@@ -205,13 +205,13 @@ void QKViewController::dismissViewControllerAnimated(bool animated, std::functio
         above.prepend(c);
     for (QKViewController *c : above)
         if (c->m_view)
-            c->m_view->setHidden(true);
+            c->m_view->setViewHidden(true);
     presenter->m_presented = nullptr;
     QPointer<QKViewController> doomed(target);
     auto finish = [doomed, completion] {
         if (doomed) {
             if (doomed->m_view)
-                doomed->m_view->setHidden(true);
+                doomed->m_view->setViewHidden(true);
             doomed->deleteLater();
         }
         if (completion)
@@ -220,7 +220,7 @@ void QKViewController::dismissViewControllerAnimated(bool animated, std::functio
     QKView *shown = target->m_view;
     if (!animated || !shown) {
         if (shown)
-            shown->setHidden(true);
+            shown->setViewHidden(true);
         later(finish);
         return;
     }

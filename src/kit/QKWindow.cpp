@@ -95,7 +95,7 @@ void QKWindow::makeKeyAndVisible()
     if (isWindow())
         show();
     else
-        setHidden(false);
+        setViewHidden(false);
 }
 
 QKViewController *QKWindow::rootViewController()
@@ -104,7 +104,7 @@ QKViewController *QKWindow::rootViewController()
         // The host's own widgets play the root's part; its view only stands for them.
         auto *root = new QKViewController(this);
         root->setView(new HostView(this));
-        root->view()->setHidden(true);
+        root->view()->setViewHidden(true);
         addSubview(root->view());
         m_root = root;
     }
@@ -153,10 +153,10 @@ void QKWindow::updatePassThrough()
     // Over a host's widgets the window only catches taps while it shows something.
     bool showsSomething = false;
     for (QKView *view : subviews())
-        if (!view->isHidden() && (!m_root || view != m_root->view()))
+        if (!view->isViewHidden() && (!m_root || view != m_root->view()))
             showsSomething = true;
     setAttribute(Qt::WA_TransparentForMouseEvents, !showsSomething);
-    setHidden(!showsSomething);
+    setViewHidden(!showsSomething);
     if (showsSomething)
         raise();
 }

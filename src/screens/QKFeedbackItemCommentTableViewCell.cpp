@@ -50,7 +50,7 @@ QKFeedbackItemCommentTableViewCell::QKFeedbackItemCommentTableViewCell(const QSt
     m_lineView->setBackgroundColor(QKPalette::secondaryText());
     // Views show at whole points, which rounds a half-point line away or up to a full
     // point; the cell draws it where the view says instead.
-    m_lineView->setHidden(true);
+    m_lineView->setViewHidden(true);
     contentView()->addSubview(m_lineView);
     // After the labels: making the text label runs a layout pass that uses them.
     textLabel()->setTextColor(QKPalette::onTint());

@@ -28,7 +28,7 @@ QKFeedbackItemDetailsViewController::QKFeedbackItemDetailsViewController(QObject
 {
     connect(m_model, &QKFeedbackDetailsModel::busyChanged, this, [this](bool busy) {
         if (m_feedbackTableView)
-            m_feedbackTableView->setHidden(busy);
+            m_feedbackTableView->setViewHidden(busy);
         if (m_activityIndicator)
             busy ? m_activityIndicator->startAnimating() : m_activityIndicator->stopAnimating();
     });
@@ -86,7 +86,7 @@ void QKFeedbackItemDetailsViewController::viewDidLoad()
     m_feedbackTableView->setSeparatorStyle(QKTableView::SeparatorStyleNone);
     m_feedbackTableView->setDataSource(this);
     m_feedbackTableView->setDelegate(this);
-    m_feedbackTableView->setHidden(m_model->isBusy());
+    m_feedbackTableView->setViewHidden(m_model->isBusy());
     m_feedbackTableView->setAutoresizingMask(QKView::FlexibleWidth | QKView::FlexibleHeight);
     m_feedbackTableView->registerClass<QKFeedbackItemImageTableViewCell>(QStringLiteral("screenshot"));
     m_feedbackTableView->registerClass<QKFeedbackItemTableViewCell>(QStringLiteral("item"));
@@ -271,8 +271,8 @@ void QKFeedbackItemDetailsViewController::feedbackTextViewEndEdit(QKFeedbackText
 
 void QKFeedbackItemDetailsViewController::settingsViewControllerInit(QKFeedbackSettingsViewController *screen)
 {
-    screen->sendAnonymousButton()->setHidden(false);
-    screen->continueButton()->setHidden(false);
+    screen->sendAnonymousButton()->setViewHidden(false);
+    screen->continueButton()->setViewHidden(false);
 }
 
 void QKFeedbackItemDetailsViewController::settingsViewController(QKFeedbackSettingsViewController *screen,

@@ -96,9 +96,9 @@ void QKFeedbackYourItemsViewController::viewDidLoad()
             m_activityIndicator->stopAnimating();
     });
     connect(model, &QKFeedbackListModel::listVisibleChanged, this,
-            [this] { m_itemsTableView->setHidden(!m_model->isListVisible()); });
+            [this] { m_itemsTableView->setViewHidden(!m_model->isListVisible()); });
     connect(model, &QKFeedbackListModel::emptyMessageVisibleChanged, this,
-            [this] { m_noFeedbackLabel->setHidden(!m_model->isEmptyMessageVisible()); });
+            [this] { m_noFeedbackLabel->setViewHidden(!m_model->isEmptyMessageVisible()); });
     connect(model, &QKFeedbackListModel::firstPageLoaded, this, [this] { m_itemsTableView->reloadData(); });
     connect(model, &QKFeedbackListModel::nextPageLoaded, this, [this] {
         m_itemsTableView->reloadData();
@@ -107,8 +107,8 @@ void QKFeedbackYourItemsViewController::viewDidLoad()
     connect(model, &QKFeedbackListModel::firstPageFailed, this, [](const QString &title, const QString &message) {
         (new QKAlertView(title, message, QKLocalizedString("Cancel")))->show();
     });
-    m_itemsTableView->setHidden(!model->isListVisible());
-    m_noFeedbackLabel->setHidden(!model->isEmptyMessageVisible());
+    m_itemsTableView->setViewHidden(!model->isListVisible());
+    m_noFeedbackLabel->setViewHidden(!model->isEmptyMessageVisible());
 
     m_orientation = QKDevice::currentDevice()->orientation();
     reloadData();
