@@ -29,7 +29,7 @@ QByteArray sampleBytes(int size)
 {
     QByteArray bytes(size, Qt::Uninitialized);
     for (int i = 0; i < size; ++i)
-        bytes[i] = char((i * 131 + 7) ^ (i >> 3));
+        bytes[i] = char((quint32(i) * 131u + 7) ^ (quint32(i) >> 3));
     return bytes;
 }
 
