@@ -119,34 +119,100 @@ void QKDispatch::async(const QKDispatchQueue &queue, std::function<void()> block
 }
 
 namespace {
-// Fires once into a context's thread. It lives on no thread, so whichever thread
-// drops the last copy of the hand-over may delete it.
-class QKDeliveryRelay : public QObject
+// Everything a hand-over shares between threads is guarded by this standard mutex:
+// Qt's own locks are invisible to ThreadSanitizer, as Qt is not built with it.
+std::mutex &deliveryMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+struct QKDeliveryState
+{
+    class QKDelivery *receiver = nullptr; // null once it ran, its context went, or it was dropped
+    std::function<void()> block;
+    bool posted = false;
+};
+
+// Lives on the context's thread and runs the block there. Its slots are connected by
+// name, so that no functor made on one thread is read on another.
+class QKDelivery : public QObject
 {
     Q_OBJECT
 public:
-    QKDeliveryRelay() { moveToThread(nullptr); }
-signals:
-    void fire();
+    explicit QKDelivery(std::shared_ptr<QKDeliveryState> state)
+    {
+        std::lock_guard lock(deliveryMutex());
+        m_state = std::move(state);
+    }
+    ~QKDelivery() override
+    {
+        std::lock_guard lock(deliveryMutex());
+        m_state.reset();
+    }
+
+public slots:
+    void run()
+    {
+        std::function<void()> block;
+        {
+            std::lock_guard lock(deliveryMutex());
+            block = std::exchange(m_state->block, {});
+            m_state->receiver = nullptr;
+        }
+        deleteLater();
+        if (block)
+            block();
+    }
+    void contextGone()
+    {
+        {
+            std::lock_guard lock(deliveryMutex());
+            m_state->block = {};
+            m_state->receiver = nullptr;
+        }
+        deleteLater();
+    }
+
+private:
+    std::shared_ptr<QKDeliveryState> m_state;
+};
+
+// Held by the function deliverTo returns: dropping it uncalled lets the receiver go.
+struct QKDeliveryHandle
+{
+    std::shared_ptr<QKDeliveryState> state = std::make_shared<QKDeliveryState>();
+    ~QKDeliveryHandle()
+    {
+        std::lock_guard lock(deliveryMutex());
+        if (state->receiver && !state->posted)
+            state->receiver->deleteLater();
+    }
 };
 } // namespace
 
 std::function<void(std::function<void()>)> QKDispatch::deliverTo(const QObject *context)
 {
-    auto relay = std::make_shared<QKDeliveryRelay>();
-    auto pending = std::make_shared<std::function<void()>>();
-    // The connection is what knows whether the context still lives: Qt drops it, and
-    // any call already posted to the context, when the context is destroyed.
-    QObject::connect(
-        relay.get(), &QKDeliveryRelay::fire, context,
-        [pending] {
-            if (auto block = std::exchange(*pending, {}))
-                block();
-        },
-        Qt::ConnectionType(Qt::QueuedConnection | Qt::SingleShotConnection));
-    return [relay, pending](std::function<void()> block) {
-        *pending = std::move(block);
-        emit relay->fire();
+    auto handle = std::make_shared<QKDeliveryHandle>();
+    if (!context)
+        return [handle](std::function<void()>) {};
+    auto *receiver = new QKDelivery(handle->state);
+    receiver->moveToThread(context->thread());
+    {
+        std::lock_guard lock(deliveryMutex());
+        handle->state->receiver = receiver;
+    }
+    // The context's end reaches the receiver on its own thread, before any call still
+    // queued for it, which then finds no block.
+    QObject::connect(context, SIGNAL(destroyed()), receiver, SLOT(contextGone()), Qt::DirectConnection);
+    return [handle](std::function<void()> block) {
+        std::lock_guard lock(deliveryMutex());
+        QKDeliveryState &state = *handle->state;
+        if (!state.receiver || state.posted)
+            return;
+        state.block = std::move(block);
+        state.posted = true;
+        QMetaObject::invokeMethod(state.receiver, "run", Qt::QueuedConnection);
     };
 }
 
