@@ -23,7 +23,7 @@ PostgresServer::~PostgresServer()
 
 QString PostgresServer::unavailable()
 {
-    for (const QString &tool : {"initdb", "pg_ctl", "psql"})
+    for (const char *tool : {"initdb", "pg_ctl", "psql"})
         if (!QFileInfo(Bin + tool).isExecutable())
             return Bin + tool + QLatin1String(" is missing (./dev.sh deps installs postgresql-15)");
     return {};
