@@ -266,15 +266,6 @@ private slots:
         m_session = QSharedPointer<QKURLSession>::create();
         m_session->addCaCertificates(FakeService::caCertificates());
         useTestDevice();
-        // 25 items of one device, every eighth resolved, a second apart; another
-        // device's item and a comment, which no listing of items shows.
-        const qint64 start = QDateTime::currentMSecsSinceEpoch() - 3600000;
-        QString last;
-        for (int i = 1; i <= 25; ++i)
-            last = m_service.addThread("pager", QStringLiteral("Item %1").arg(i),
-                                       QLatin1String(i % 8 ? "Open" : "Resolved"), start + i * 1000);
-        m_service.addThread("other", "Not mine");
-        m_service.addComment(last, "A comment");
     }
 
     void init()
@@ -357,35 +348,6 @@ private slots:
         QCOMPARE(r.header("x-skip-meta"), QByteArray::number(skip));
         QVERIFY(!r.hasHeader("Content-Type") && !r.hasHeader("Idempotency-Key"));
         QVERIFY(r.body.isEmpty());
-    }
-
-    // What the service stored comes back by the listing: by state, newest first, a page
-    // of 20 at a time, never another device's items or a comment.
-    void listsByStateAndPage_data()
-    {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<qint64>("skip");
-        QTest::addColumn<QStringList>("expected");
-        QStringList all, open;
-        for (int i = 25; i >= 1; --i) {
-            all.append(QStringLiteral("Item %1").arg(i));
-            if (i % 8)
-                open.append(all.last());
-        }
-        QTest::newRow("all") << QString() << qint64(0) << all.mid(0, 20);
-        QTest::newRow("all, skip 20") << QString() << qint64(20) << all.mid(20);
-        QTest::newRow("open") << "Open" << qint64(0) << open.mid(0, 20);
-        QTest::newRow("open, skip 20") << "Open" << qint64(20) << QStringList{"Item 2", "Item 1"};
-        QTest::newRow("resolved") << "Resolved" << qint64(0) << QStringList{"Item 24", "Item 16", "Item 8"};
-        QTest::newRow("resolved, skip 3") << "Resolved" << qint64(3) << QStringList();
-    }
-    void listsByStateAndPage()
-    {
-        QFETCH(QString, state);
-        QFETCH(qint64, skip);
-        const auto items = list(*source(QStringLiteral("pager")), state, skip);
-        QVERIFY(items);
-        QTEST(texts(*items), "expected");
     }
 
     // Odd answers the real service does not give: JSON null, an offset, a date without a
@@ -970,26 +932,18 @@ private slots:
     // The session itself: a header name that would split into lines fails at once (values
     // are hostileValues' part), and a session destroyed with a task in flight ends it with
     // -999. Error statuses are answers with their body: threadRequests reads a refusal from one.
-    void sessionRefusesHeaders_data()
-    {
-        QTest::addColumn<QByteArray>("name");
-        QTest::addColumn<QByteArray>("value");
-        QTest::newRow("name LF") << QByteArray("X-Injected: 1\nx-a") << QByteArray("1");
-        QTest::newRow("name with a colon") << QByteArray("X-Injected: 1") << QByteArray("1");
-        QTest::newRow("empty name") << QByteArray() << QByteArray("1");
-    }
     void sessionRefusesHeaders()
     {
-        QFETCH(QByteArray, name);
-        QFETCH(QByteArray, value);
         const auto session = makeSession();
-        QKURLRequest request;
-        request.url = QUrl(m_fake.baseUrl() + "/KEY/threads");
-        request.headers = {{"x-b", "2"}, {name, value}};
-        Outcome outcome;
-        session->dataTask(request, outcome.task_());
-        WAIT_ONCE(outcome, *session);
-        QCOMPARE(outcome.error ? outcome.error->code() : 0, -1002);
+        for (const QByteArray &name : {QByteArray("X-Injected: 1\nx-a"), QByteArray("X-Injected: 1"), QByteArray()}) {
+            QKURLRequest request;
+            request.url = QUrl(m_fake.baseUrl() + "/KEY/threads");
+            request.headers = {{"x-b", "2"}, {name, "1"}};
+            Outcome outcome;
+            session->dataTask(request, outcome.task_());
+            WAIT_ONCE(outcome, *session);
+            QCOMPARE(outcome.error ? outcome.error->code() : 0, -1002);
+        }
         QVERIFY(m_fake.requests().isEmpty());
     }
 
