@@ -261,13 +261,8 @@ private slots:
         QKFeedback::sharedInstance()->settings().insert(QStringLiteral("Name"), QStringLiteral(""));
         auto source = QSharedPointer<HeldSource>::create();
         QKFeedback::setDataSource(source);
-        QKFeedback::showFeedback();
-        tapMenu(0);
-        QKFeedbackSendViewController *screen = nullptr;
-        QTRY_VERIFY((screen = topScreen<QKFeedbackSendViewController>()));
-        comment(screen, QPointF(60, 80), QStringLiteral("Too small"));
-        comment(screen, QPointF(200, 300), QStringLiteral("Wrong colour"));
-        tapBarItem(screen->navigationItem()->rightBarButtonItem());
+        QKFeedbackSendViewController *screen = annotateAndSend();
+        QVERIFY(screen);
         QKFeedbackSettingsViewController *name = nameScreen();
         QVERIFY(name);
         tapView(m_window, name->nameTextField());
