@@ -506,9 +506,6 @@ private slots:
         post(later);
         QVERIFY(ada.unread("i25"));
         ada.get("threads/i25");
-        const QByteArray csrf = std::exchange(ada.csrf, QByteArray("forged"));
-        QCOMPARE(ada.call("POST", "threads/i25/comments", "{\"text\":\"Fixed\"}").status, 403);
-        ada.csrf = csrf;
         QCOMPARE(ada.call("POST", "threads/i25/comments", "{\"text\":\"Fixed in 2.1\"}").status, 201);
         QVERIFY(!ada.unread("i25"));
         const QList<QKServiceThread> comments = threads("{\"RootId\":\"i25\"}", "{\"CreatedAt\":1}");
@@ -539,11 +536,6 @@ private slots:
         QVERIFY(accounts.removeMember("bob"));
         QCOMPARE(bob.call("GET", "threads").status, 401);
         QVERIFY(!accounts.removeMember("bob"));
-
-        QCOMPARE(ada.call("DELETE", "threads/i25").status, 200);
-        QCOMPARE(ada.call("GET", "threads/i25").status, 404);
-        QCOMPARE(ada.call("DELETE", "session").status, 200);
-        QCOMPARE(ada.call("GET", "threads").status, 401);
     }
 };
 
